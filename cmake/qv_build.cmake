@@ -1,0 +1,83 @@
+# Compiler settings for all of qv, and the three functions that the folders are made of.
+
+find_program(CCACHE ccache)
+if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
+  set(CMAKE_C_COMPILER_LAUNCHER ${CCACHE})
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_library(qv_options INTERFACE)
+target_include_directories(qv_options INTERFACE ${CMAKE_SOURCE_DIR})
+target_compile_options(qv_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wvla
+  -Wformat=2 -Wcast-align -Werror)
+target_compile_definitions(qv_options INTERFACE QV_RELAY_HOST="${QV_RELAY_HOST}")
+if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+  target_compile_options(qv_options INTERFACE -Wthread-safety)
+endif()
+# assert guards our own invariants and stays on in every build.
+string(REPLACE "-DNDEBUG" "" CMAKE_CXX_FLAGS_RELEASE "${CMAKE_CXX_FLAGS_RELEASE}")
+string(REPLACE "-DNDEBUG" "" CMAKE_CXX_FLAGS_RELWITHDEBINFO "${CMAKE_CXX_FLAGS_RELWITHDEBINFO}")
+string(REPLACE "-O3" "-O2" CMAKE_CXX_FLAGS_RELEASE "${CMAKE_CXX_FLAGS_RELEASE}")
+
+if(WIN32)
+  target_compile_definitions(qv_options INTERFACE __USE_MINGW_ANSI_STDIO=1)
+  # One file that needs only system DLLs.
+  target_link_options(qv_options INTERFACE -static)
+  if(CMAKE_BUILD_TYPE STREQUAL "Release")
+    target_link_options(qv_options INTERFACE -s)
+  endif()
+endif()
+if(QV_SANITIZE)
+  add_compile_options(-fsanitize=${QV_SANITIZE} -fno-omit-frame-pointer)
+  if(QV_SANITIZE MATCHES undefined)
+    add_compile_options(-fno-sanitize-recover=all)
+  endif()
+  add_link_options(-fsanitize=${QV_SANITIZE})
+endif()
+
+# qv_library(host DEPENDS qv_protocol ...) makes, from the folder's .cpp files,
+#   qv_host        everything but the Windows edges, in every build
+#   qv_host_win32  the edges (*_win32.cpp), in Windows builds
+# Files named *_main_win32.cpp are programs and belong to neither.
+function(qv_library name)
+  cmake_parse_arguments(ARG "" "" "DEPENDS;WIN32_LIBRARIES" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  set(edges ${sources})
+  list(FILTER sources EXCLUDE REGEX "_win32\\.cpp$")
+  list(FILTER edges INCLUDE REGEX "_win32\\.cpp$")
+  list(FILTER edges EXCLUDE REGEX "_main_win32\\.cpp$")
+  if(sources)
+    add_library(qv_${name} STATIC ${sources})
+    target_compile_options(qv_${name} PRIVATE -fno-exceptions -fno-rtti)
+    target_link_libraries(qv_${name} PUBLIC qv_options ${ARG_DEPENDS})
+  else()
+    add_library(qv_${name} INTERFACE)
+    target_link_libraries(qv_${name} INTERFACE qv_options ${ARG_DEPENDS})
+  endif()
+  if(WIN32 AND edges)
+    add_library(qv_${name}_win32 STATIC ${edges})
+    target_compile_options(qv_${name}_win32 PRIVATE -fno-exceptions -fno-rtti)
+    target_link_libraries(qv_${name}_win32 PUBLIC qv_${name} ${ARG_WIN32_LIBRARIES})
+  endif()
+endfunction()
+
+# qv_program(qv_host SOURCE host_main_win32.cpp LIBRARIES ...): one of the product's
+# executables, in build/windows/ when this is the release build. A console program unless
+# GUI is given.
+function(qv_program name)
+  cmake_parse_arguments(ARG "GUI" "SOURCE" "LIBRARIES" ${ARGN})
+  if(NOT WIN32 OR NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SOURCE})
+    return()
+  endif()
+  add_executable(${name} ${ARG_SOURCE})
+  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  if(ARG_GUI)
+    set_target_properties(${name} PROPERTIES WIN32_EXECUTABLE ON)
+  endif()
+  if(CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_BINARY_DIR MATCHES "/build/mingw-release$")
+    set_target_properties(${name} PROPERTIES
+      RUNTIME_OUTPUT_DIRECTORY ${CMAKE_SOURCE_DIR}/build/windows)
+  endif()
+  set_property(GLOBAL APPEND PROPERTY QV_PROGRAMS ${name})
+endfunction()

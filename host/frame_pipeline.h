@@ -1,0 +1,31 @@
+// The loop that turns the captured screen into the viewer's messages.
+#ifndef QV_HOST_FRAME_PIPELINE_H
+#define QV_HOST_FRAME_PIPELINE_H
+
+#include "host/host_session.h"
+
+#include <atomic>
+#include <stdint.h>
+
+namespace host {
+
+// Number of the last frame ended; never reset, so numbering goes on across sessions.
+// Written by the server thread; the control thread compares acknowledgements with it.
+extern std::atomic<uint32_t> frame_seq;
+
+// The capabilities that the viewer of this session announced (CAP_*). Server thread.
+extern uint16_t peer_caps;
+
+// Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
+void frame_pipeline_start(host_session *session, uint16_t caps);
+
+// Runs until host_stop_requested, session_ended or a failed flush; then logs the session's
+// statistics. Host server thread.
+void frame_pipeline_run(host_session *session);
+
+// One iteration; false when a flush failed.
+[[nodiscard]] bool frame_pipeline_step(host_session *session);
+
+} // namespace host
+
+#endif

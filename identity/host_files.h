@@ -1,0 +1,15 @@
+// The file system calls that the identity needs from the platform.
+#ifndef QV_IDENTITY_HOST_FILES_H
+#define QV_IDENTITY_HOST_FILES_H
+
+#include <stdio.h>
+
+// Creates one directory. The result does not matter: an existing one is the normal case.
+void make_directory(const char *path);
+
+// Opens a file for writing, emptied, as a text stream, and restricts it to its owner, the
+// system and administrators as far as the file system can, also when it existed before.
+// Null when it cannot be opened; the caller closes it with fclose.
+FILE *open_private_file(const char *path);
+
+#endif

@@ -1,0 +1,16 @@
+// The Windows headers, in the order that they need. Only *_win32.cpp files include this.
+#ifndef QV_PROTOCOL_WIN32_H
+#define QV_PROTOCOL_WIN32_H
+
+#ifndef _WIN32_WINNT
+#define _WIN32_WINNT 0x0A00
+#endif
+#define WIN32_LEAN_AND_MEAN
+#define NOMINMAX
+
+#include <winsock2.h>
+#include <ws2tcpip.h>
+#include <mswsock.h>
+#include <windows.h>
+
+#endif

@@ -1,0 +1,46 @@
+// The tile cache: tiles by content hash, so that the host can name a tile instead of sending
+// it.
+//
+// Two-way set-associative: set = hash mod (cache_capacity / 2), its ways are slots 2 * set
+// and 2 * set + 1. Guarded by frame_lock, with the picture that it feeds.
+#ifndef QV_VIEWER_TILE_CACHE_H
+#define QV_VIEWER_TILE_CACHE_H
+
+#include "protocol/tile.h"
+#include "viewer/frame_decode.h"
+
+#include <stdint.h>
+
+namespace viewer {
+
+constexpr uint32_t CACHE_CAPACITY = 8192; // slots; even
+
+struct tile_cache_record {
+    bool cache_enabled;
+    uint32_t cache_capacity;
+    uint64_t *cache_keys;  // 0 = empty slot
+    uint8_t *cache_tiles;  // slot i at i * TILE_BYTES
+    uint8_t *cache_victim; // for each set the way to replace next, and one spare byte
+    bool cache_dirty;      // an entry was written since the last save
+};
+
+extern tile_cache_record tile_cache GUARDED_BY(frame_lock);
+
+// Sets up an empty cache; without memory it stays disabled. Takes frame_lock.
+void tile_cache_open();
+
+// Frees the cache and disables it. Harmless when it is disabled.
+void tile_cache_close() REQUIRES(frame_lock);
+
+// The cached tile of that hash, or null; a hit makes its way the last to be replaced. Hash 0
+// is never found. The pointer holds until the next insertion.
+const uint8_t *tile_cache_find(uint64_t hash) REQUIRES(frame_lock);
+
+// Stores a tile under a hash other than 0, if the cache is enabled. tile addresses its first
+// row, stride is the distance of rows in bytes.
+void tile_cache_insert(uint64_t hash, const uint8_t *tile, uint64_t stride)
+    REQUIRES(frame_lock);
+
+} // namespace viewer
+
+#endif

@@ -1,0 +1,79 @@
+// Where the host's picture lies in the viewer window, and back. Pure.
+//
+// Sizes and positions are pixels. The picture is shrunk to fit and never enlarged, and
+// centred; a client side or a scaled side of 0 gives empty results and divides by nothing.
+#ifndef QV_VIEWER_VIEW_GEOMETRY_H
+#define QV_VIEWER_VIEW_GEOMETRY_H
+
+#include "viewer/frame_decode.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace viewer {
+
+struct view_geometry {
+    double view_scale;               // 0 < scale <= 1.0, or 0 when nothing can be shown
+    int32_t view_width, view_height; // the picture's scaled size
+    int32_t view_x, view_y;          // its offset in the client area
+};
+
+view_geometry view_fit(int32_t client_width, int32_t client_height, int32_t frame_width,
+                       int32_t frame_height);
+
+// First client size of the window: the picture, at most nine tenths of the screen each way.
+void view_first_size(int32_t screen_width, int32_t screen_height, int32_t frame_width,
+                     int32_t frame_height, int32_t *width, int32_t *height);
+
+// One stretch of frame pixels onto client pixels that covers the client rectangle `redraw`
+// with its margin. Empty (src_w or src_h 0) when the rectangle lies beside the picture.
+struct view_stretch {
+    int32_t src_x, src_y, src_w, src_h;
+    int32_t dst_x, dst_y, dst_w, dst_h;
+};
+
+view_stretch view_paint_rect(const view_geometry &view, const frame_rect &redraw,
+                             int32_t frame_width, int32_t frame_height);
+
+// The client rectangle to repaint for a dirty rectangle of the frame.
+frame_rect view_invalid_rect(const view_geometry &view, const frame_rect &dirty);
+
+// The host pixel under a client point, clamped to the screen. False before the first paint
+// (nothing is sent then).
+bool view_to_host(const view_geometry &view, int32_t px, int32_t py, int32_t frame_width,
+                  int32_t frame_height, int32_t *x, int32_t *y);
+
+// Where the text layer's cells lie, in client pixels; the origin may be far outside.
+struct text_grid {
+    int64_t x, y;             // of the first cell
+    int32_t cell_w, cell_h;   // at least 1
+};
+
+text_grid view_text_grid(const view_geometry &view, int32_t text_x, int32_t text_y,
+                         int32_t text_w, int32_t text_h, int32_t cols, int32_t rows);
+
+// The next run of cells with one attribute in a row of 3-byte cells, from column first and
+// at most TEXT_RUN_MAX long. Writes the run's characters (0 as a space) and returns its
+// length, 0 at the end of the row.
+constexpr int32_t TEXT_RUN_MAX = 512;
+int32_t text_run(const uint8_t *row_cells, int32_t cols, int32_t first,
+                 uint16_t characters[TEXT_RUN_MAX], uint8_t *attribute);
+
+// Colour of a palette index 0 .. 15 as 0x00BBGGRR.
+uint32_t console_colour(uint8_t index);
+
+// The window title once a second.
+struct title_counters {
+    uint32_t frames, bytes; // at the previous title
+};
+
+constexpr size_t TITLE_SIZE = 256;
+
+// Formats the title from totals since connect and the totals at the title before.
+void view_title(char title[TITLE_SIZE], const char *host_name, int32_t frame_width,
+                int32_t frame_height, uint32_t frames, uint32_t bytes, uint32_t hits,
+                uint32_t misses, bool text_active, title_counters *previous);
+
+} // namespace viewer
+
+#endif
