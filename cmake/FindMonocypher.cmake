@@ -1,9 +1,14 @@
 # Monocypher 4.x as the library target `monocypher`, compiled from its one source file.
 #
-# MONOCYPHER_ROOT names a directory that holds monocypher.c and monocypher.h, in itself or
-# as an installed copy keeps them (src/, include/). tools/setup leaves a copy
-# whose checksums it has compared under build/deps/monocypher, which is the default.
-set(MONOCYPHER_ROOT "${CMAKE_SOURCE_DIR}/build/deps/monocypher" CACHE PATH
+# MONOCYPHER_ROOT, in the cache or the environment, names a directory that holds monocypher.c
+# and monocypher.h, in itself or as an installed copy keeps them (src/, include/).
+# tools/setup leaves a copy whose checksums it has compared under build/deps/monocypher,
+# which is the default.
+set(default_root "${CMAKE_SOURCE_DIR}/build/deps/monocypher")
+if(DEFINED ENV{MONOCYPHER_ROOT})
+  set(default_root "$ENV{MONOCYPHER_ROOT}")
+endif()
+set(MONOCYPHER_ROOT "${default_root}" CACHE PATH
     "Directory with monocypher.c and monocypher.h, or an installed copy")
 
 find_path(MONOCYPHER_INCLUDE_DIR monocypher.h
