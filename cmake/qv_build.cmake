@@ -10,6 +10,8 @@ add_library(qv_options INTERFACE)
 target_include_directories(qv_options INTERFACE ${CMAKE_SOURCE_DIR})
 target_compile_options(qv_options INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wvla
   -Wformat=2 -Wcast-align -Werror)
+# Assertions name files as the tree does, not as this machine does.
+target_compile_options(qv_options INTERFACE -fmacro-prefix-map=${CMAKE_SOURCE_DIR}/=)
 target_compile_definitions(qv_options INTERFACE QV_RELAY_HOST="${QV_RELAY_HOST}")
 if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
   target_compile_options(qv_options INTERFACE -Wthread-safety)
