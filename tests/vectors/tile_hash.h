@@ -1,0 +1,5 @@
+// Tile hashes by tests/vectors/tile_hash.py.
+constexpr uint64_t TILE_HASH_ZEROS = 0xD23EB558E037DA16ull;
+constexpr uint64_t TILE_HASH_ONES = 0x73BC79D77879ECCDull;
+constexpr uint64_t TILE_HASH_COUNT = 0x9C807C9857D4534Aull;
+constexpr uint64_t TILE_HASH_LAST_BYTE = 0x0CD41EE4C4BE2A8Bull;
