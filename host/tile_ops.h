@@ -1,0 +1,31 @@
+// Work on the pixels of one tile, at memory speed.
+//
+// A pitched tile lies inside a picture: `pitch` bytes lie between the starts of its rows.
+// The others are TILE_BYTES in one piece. Pure; any thread.
+#ifndef QV_HOST_TILE_OPS_H
+#define QV_HOST_TILE_OPS_H
+
+#include "protocol/tile.h"
+
+#include <stdint.h>
+
+namespace host
+{
+
+// True when two pitched tiles are the same in every byte, the fourth of each pixel included.
+bool tile_equal(const uint8_t *a, const uint8_t *b, uint64_t pitch);
+
+// True when every byte of a pitched tile is zero.
+bool tile_is_zero(const uint8_t *tile, uint64_t pitch);
+
+// Copies a pitched tile into one piece, and back.
+void tile_gather(uint8_t tile[TILE_BYTES], const uint8_t *src, uint64_t pitch);
+void tile_scatter(uint8_t *dst, uint64_t pitch, const uint8_t tile[TILE_BYTES]);
+
+// delta = tile XOR base, byte by byte; base is pitched. The three do not overlap.
+void tile_xor(uint8_t delta[TILE_BYTES], const uint8_t tile[TILE_BYTES], const uint8_t *base,
+              uint64_t pitch);
+
+} // namespace host
+
+#endif
