@@ -19,6 +19,10 @@
 
 namespace host {
 
+// TCP keep-alive of a session's connection, seconds.
+constexpr uint32_t SESSION_KEEPALIVE_IDLE_S = 60;
+constexpr uint32_t SESSION_KEEPALIVE_INTERVAL_S = 10;
+
 struct host_session {
     uint32_t generation; // constant
     net_socket sock;     // constant; aborted by any thread, closed by the last owner
