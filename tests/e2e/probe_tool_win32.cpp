@@ -1,0 +1,130 @@
+// Asks Windows what a screenshot cannot tell: which windows stand where and what text they
+// hold. Tests run it inside the Wine prefix that they ask about.
+//
+//   probe_tool stay                     keeps the desktop up: never ends
+//   probe_tool list                     every visible top-level window, one line each
+//   probe_tool text TITLE [CLASS]       text of the window, or of its first child of CLASS
+//   probe_tool metrics                  width and height of the screen
+//   probe_tool cursor                   position of the pointer
+//   probe_tool pressed                  virtual-key codes that are down, mouse buttons included
+//   probe_tool place TITLE X Y W H      moves and sizes a window
+//   probe_tool front TITLE              makes a window the foreground window
+//   probe_tool post TITLE MSG WPARAM    posts a message with a number
+//
+// TITLE is the beginning of a window's title. Ends with 1 when there is no such window.
+
+#include "protocol/win32.h"
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+namespace
+{
+
+constexpr int TITLE_SIZE = 512;
+
+struct window_search {
+    const char *title;
+    HWND found;
+};
+
+BOOL CALLBACK list_window(HWND window, LPARAM)
+{
+    if (!IsWindowVisible(window))
+        return TRUE;
+    char title[TITLE_SIZE] = {};
+    char class_name[64] = {};
+    RECT frame = {}, client = {};
+    POINT origin = {};
+    GetWindowTextA(window, title, TITLE_SIZE);
+    GetClassNameA(window, class_name, sizeof class_name);
+    GetWindowRect(window, &frame);
+    GetClientRect(window, &client);
+    ClientToScreen(window, &origin);
+    printf("%s\t%ld %ld %ld %ld\t%ld %ld %ld %ld\t%s\n", class_name, frame.left, frame.top,
+           frame.right, frame.bottom, origin.x, origin.y, origin.x + client.right,
+           origin.y + client.bottom, title);
+    return TRUE;
+}
+
+BOOL CALLBACK match_window(HWND window, LPARAM parameter)
+{
+    window_search *search = (window_search *)parameter;
+    char title[TITLE_SIZE] = {};
+    GetWindowTextA(window, title, TITLE_SIZE);
+    if (!IsWindowVisible(window) || strncmp(title, search->title, strlen(search->title)) != 0)
+        return TRUE;
+    search->found = window;
+    return FALSE;
+}
+
+HWND find_window(const char *title)
+{
+    window_search search = {title, nullptr};
+    EnumWindows(match_window, (LPARAM)&search);
+    if (!search.found)
+        fprintf(stderr, "no window is titled %s\n", title);
+    return search.found;
+}
+
+int print_text(HWND window, const char *class_name)
+{
+    if (class_name)
+        window = FindWindowExA(window, nullptr, class_name, nullptr);
+    if (!window)
+        return 1;
+    static char text[65536];
+    DWORD_PTR length = 0;
+    if (!SendMessageTimeoutA(window, WM_GETTEXT, sizeof text, (LPARAM)text, SMTO_ABORTIFHUNG,
+                             5000, &length))
+        return 1;
+    fwrite(text, 1, strlen(text), stdout);
+    return 0;
+}
+
+} // namespace
+
+int main(int argc, char **argv)
+{
+    const char *verb = argc > 1 ? argv[1] : "";
+    if (strcmp(verb, "stay") == 0) {
+        GetDesktopWindow();
+        Sleep(INFINITE);
+    }
+    if (strcmp(verb, "list") == 0) {
+        EnumWindows(list_window, 0);
+        return 0;
+    }
+    if (strcmp(verb, "metrics") == 0) {
+        printf("%d %d\n", GetSystemMetrics(SM_CXSCREEN), GetSystemMetrics(SM_CYSCREEN));
+        return 0;
+    }
+    if (strcmp(verb, "cursor") == 0) {
+        POINT at = {};
+        GetCursorPos(&at);
+        printf("%ld %ld\n", at.x, at.y);
+        return 0;
+    }
+    if (strcmp(verb, "pressed") == 0) {
+        for (int key = 1; key < 255; key++)
+            if (GetAsyncKeyState(key) & 0x8000)
+                printf("%d\n", key);
+        return 0;
+    }
+
+    HWND window = argc > 2 ? find_window(argv[2]) : nullptr;
+    if (!window)
+        return 1;
+    if (strcmp(verb, "text") == 0)
+        return print_text(window, argc > 3 ? argv[3] : nullptr);
+    if (strcmp(verb, "place") == 0 && argc == 7)
+        return !SetWindowPos(window, HWND_TOP, atoi(argv[3]), atoi(argv[4]), atoi(argv[5]),
+                             atoi(argv[6]), 0);
+    if (strcmp(verb, "front") == 0)
+        return !SetForegroundWindow(window);
+    if (strcmp(verb, "post") == 0 && argc == 5)
+        return !PostMessageA(window, (UINT)atoi(argv[3]), (WPARAM)atoi(argv[4]), 0);
+    fprintf(stderr, "unknown request\n");
+    return 1;
+}
