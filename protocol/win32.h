@@ -8,9 +8,12 @@
 #define WIN32_LEAN_AND_MEAN
 #define NOMINMAX
 
+// The obsolete input function of this name gives way to the message (messages.h).
+#define mouse_event win32_mouse_event
 #include <winsock2.h>
 #include <ws2tcpip.h>
 #include <mswsock.h>
 #include <windows.h>
+#undef mouse_event
 
 #endif
