@@ -10,7 +10,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
 struct view_geometry {
     double view_scale;               // 0 < scale <= 1.0, or 0 when nothing can be shown
@@ -26,7 +27,7 @@ void view_first_size(int32_t screen_width, int32_t screen_height, int32_t frame_
                      int32_t frame_height, int32_t *width, int32_t *height);
 
 // One stretch of frame pixels onto client pixels that covers the client rectangle `redraw`
-// with its margin. Empty (src_w or src_h 0) when the rectangle lies beside the picture.
+// with its margin. All zero when the rectangle lies beside the picture.
 struct view_stretch {
     int32_t src_x, src_y, src_w, src_h;
     int32_t dst_x, dst_y, dst_w, dst_h;
@@ -34,6 +35,15 @@ struct view_stretch {
 
 view_stretch view_paint_rect(const view_geometry &view, const frame_rect &redraw,
                              int32_t frame_width, int32_t frame_height);
+
+// Whether a bitmap of this many pixels fits the 31-bit sizes by which GDI counts its bytes.
+// What does not fit stays unpainted.
+bool view_bitmap_fits(int32_t width, int32_t height);
+
+// The part of the client rectangle `redraw` that shows picture; right = left or
+// bottom = top when there is none.
+frame_rect view_visible(const view_geometry &view, const frame_rect &redraw,
+                        int32_t frame_width, int32_t frame_height);
 
 // The client rectangle to repaint for a dirty rectangle of the frame.
 frame_rect view_invalid_rect(const view_geometry &view, const frame_rect &dirty);
@@ -43,14 +53,35 @@ frame_rect view_invalid_rect(const view_geometry &view, const frame_rect &dirty)
 bool view_to_host(const view_geometry &view, int32_t px, int32_t py, int32_t frame_width,
                   int32_t frame_height, int32_t *x, int32_t *y);
 
-// Where the text layer's cells lie, in client pixels; the origin may be far outside.
+// Where the text layer's cells lie, in client pixels; the origin may be far outside. The
+// layer's position and size are the host's word: any values.
 struct text_grid {
-    int64_t x, y;             // of the first cell
-    int32_t cell_w, cell_h;   // at least 1
+    int64_t x, y;           // of the first cell
+    int32_t cell_w, cell_h; // at least 1
 };
 
 text_grid view_text_grid(const view_geometry &view, int32_t text_x, int32_t text_y,
                          int32_t text_w, int32_t text_h, int32_t cols, int32_t rows);
+
+// Which of `count` cells in a line, the first at `origin` and each `cell` pixels long, touch
+// the pixels low .. high - 1: cells first .. end - 1, none when they are equal.
+struct text_span {
+    int32_t first, end;
+};
+
+text_span view_text_span(int64_t origin, int32_t cell, int32_t count, int32_t low,
+                         int32_t high);
+
+// Where a run of `length` cells from (column, row) is drawn: its first character at (x, y),
+// which may be far outside but never where GDI cannot count, and nothing outside `clip`.
+struct text_place {
+    int32_t x, y;
+    frame_rect clip;
+};
+
+// False when no pixel of the run lies in `visible`; such a run is not drawn.
+bool view_text_place(const text_grid &grid, int32_t column, int32_t row, int32_t length,
+                     const frame_rect &visible, text_place *place);
 
 // The next run of cells with one attribute in a row of 3-byte cells, from column first and
 // at most TEXT_RUN_MAX long. Writes the run's characters (0 as a space) and returns its
