@@ -4,23 +4,25 @@
 
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
-// What a command line asks for. Texts point into argv or at constants, but for the relay's,
-// which are copies.
+// What a command line asks for. Not to be copied: host and port may point into the record
+// itself, where the relay's address is taken apart. The other texts point into argv or at
+// constants.
 struct viewer_arguments {
     bool usage; // print the usage and return 1; the rest is not set then
     bool via_relay;
-    const char *host;
+    const char *host; // the relay's, with via_relay
     const char *port;
     const char *password;
     char host_id[19];
-    char relay_address[128]; // split in two texts when via_relay: host, then port
-    char relay_port[12];
+    char relay_address[128]; // the relay's host, a terminator in place of ':', its port
+    char default_port[12];   // where no port was given
 };
 
 // Parses a command line; argv[0] is the program. Pure.
-viewer_arguments viewer_parse_arguments(int argc, char **argv);
+void viewer_parse_arguments(int argc, char **argv, viewer_arguments *arguments);
 
 // Parses, prints the usage or runs a session. Returns the program's exit status.
 int viewer_cli_main(int argc, char **argv);
