@@ -60,6 +60,10 @@ function(qv_library name)
     add_library(qv_${name}_win32 STATIC ${edges})
     target_compile_options(qv_${name}_win32 PRIVATE -fno-exceptions -fno-rtti)
     target_link_libraries(qv_${name}_win32 PUBLIC qv_${name} ${ARG_WIN32_LIBRARIES})
+    if(sources)
+      # The portable part calls its edges back; a cycle makes the linker see both twice.
+      target_link_libraries(qv_${name} PUBLIC qv_${name}_win32)
+    endif()
   endif()
 endfunction()
 
