@@ -1,0 +1,11 @@
+// A clock that stands still until the test moves it, in place of the system's.
+#ifndef QV_TESTS_FAKES_CLOCK_SCRIPT_H
+#define QV_TESTS_FAKES_CLOCK_SCRIPT_H
+
+#include <atomic>
+#include <stdint.h>
+
+// What clock_ms returns. clock_sleep_ms adds its milliseconds and returns at once.
+extern std::atomic<uint32_t> clock_script_now;
+
+#endif
