@@ -4,7 +4,7 @@
 
 #include <stddef.h>
 
-constexpr size_t DATA_DIR_SIZE = 260;              // buffer for the directory's path
+constexpr size_t DATA_DIR_SIZE = 260;                 // buffer for the directory's path
 constexpr size_t DATA_FILE_SIZE = DATA_DIR_SIZE + 16; // and for id.txt and host.txt in it
 
 // Writes the path of the data directory, "%s\qv" under PROGRAMDATA (or C:\ProgramData), and
