@@ -7,7 +7,8 @@
 //
 // Texts are published whole: a writer fills a buffer of its own and swaps one pointer, so a
 // reader on another thread sees an old text or a new one, never half of one. Accessors
-// return such pointers; callers copy or show them and never free them.
+// return such pointers; callers copy or show them and never free them. A buffer is used
+// again TEXT_SLOTS changes later, so a pointer must not be kept: ask again.
 #ifndef QV_IDENTITY_HOST_IDENTITY_H
 #define QV_IDENTITY_HOST_IDENTITY_H
 
@@ -16,6 +17,7 @@
 
 constexpr size_t HOST_PASSWORD_SIZE = 33; // with terminator
 constexpr uint32_t PASSWORD_ROTATION_MS = 21600000;
+constexpr uint32_t TEXT_SLOTS = 64;
 
 enum host_state_value : int32_t {
     HOST_OFFLINE = 0, // starting, or a session just ended
