@@ -17,9 +17,14 @@
 #include <atomic>
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 constexpr int32_t MOVE_MAX = 256;
+
+// Longest side of a screen that is taken, in pixels: tile numbers stay within 16 bits, as
+// the messages carry them, and the number of tiles within 31.
+constexpr int32_t SCREEN_SIDE_MAX = 1 << 21;
 
 struct screen_record {
     std::atomic<int32_t> screen_width, screen_height; // pixels
@@ -27,16 +32,17 @@ struct screen_record {
     int32_t tiles_x, tiles_y;                         // written under host_lock
 
     // padded_width * padded_height pixels, rows of padded_width * 4 bytes, top row first.
-    uint8_t *frame_buffer;                                    // the newest capture
-    uint8_t *prev_frame PT_GUARDED_BY(host_lock);             // what the viewer shows
-    std::atomic<uint8_t> *dirty_map;                          // 1: the tile is to be examined
-    tile_base *bases PT_GUARDED_BY(host_lock);                // tiles_x * tiles_y, row-major
+    uint8_t *frame_buffer;                        // the newest capture
+    uint8_t *prev_frame PT_GUARDED_BY(host_lock); // what the viewer shows
+    std::atomic<uint8_t> *dirty_map;              // 1: the tile is to be examined
+    tile_base *bases PT_GUARDED_BY(host_lock);    // tiles_x * tiles_y, row-major
 
     bool full_capture_pending; // the next duplication frame must be copied whole
     int32_t move_count;        // moves reported since the last frame was sent
     copy_rect move_list[MOVE_MAX];
 
-    // The grid that the viewer of this session was told in the hello; 0 x 0 without session.
+    // The screen size that the viewer of this session was told in the hello: 0 x 0 before
+    // the first session, and the last session's until the next one starts.
     int32_t hello_width, hello_height;
     // hello_tiles of that grid, 1: the tile lies outside the present screen and is still to
     // be sent as zeros. Null while the whole grid is inside.
@@ -49,7 +55,7 @@ extern screen_record screen;
 // Sets the geometry and replaces all buffers by zeroed ones. Takes host_lock. In a session
 // every tile becomes LOST, must_send and dirty, and tiles of the hello's grid outside the
 // new screen are put down to be sent as zeros. False, with a screen of 0 x 0 and no
-// buffers, when width or height is not positive or memory is short.
+// buffers, when a side is not 1 to SCREEN_SIDE_MAX or memory is short.
 bool screen_resize(int32_t width, int32_t height);
 
 // Marks all tiles dirty and forgets moves. At session start, and until the session's first
