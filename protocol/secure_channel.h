@@ -68,12 +68,13 @@ void channel_reset_receiver(channel_receiver *receiver);
 void channel_open(secure_channel *channel, net_socket sock);
 
 // Seals data[0..len) as one record (an empty one when len is 0) and sends it; plain, sends
-// the bytes as they are. False when len exceeds RECORD_MAX (nothing is sent; the channel
-// stays usable) or on any failure.
+// the bytes as they are, in any number. False when a record would exceed RECORD_MAX (nothing
+// is sent; the channel stays usable) or on any failure.
 [[nodiscard]] bool channel_send(channel_sender *sender, const uint8_t *data, uint64_t len);
 
 // Fills dest[0..n) from the stream, reading and opening as many records as it takes. Bytes
-// become visible only after their record has verified.
+// become visible only after their record has verified; after a failure dest may hold the
+// verified ones that came before it.
 [[nodiscard]] bool channel_recv(channel_receiver *receiver, uint8_t *dest, uint64_t n);
 
 // Moves the receiving half to another record, whose owner frees it from then on; the
