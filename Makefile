@@ -13,7 +13,7 @@ setup:
 
 windows: setup
 	cmake --preset mingw-release
-	cmake --build --preset mingw-release --parallel 2 --target qv_client qv_host
+	cmake --build --preset mingw-release --parallel 2 --target qv_client_program qv_host_program
 	tools/check_imports build/windows/qv_client.exe build/windows/qv_host.exe
 
 test: setup

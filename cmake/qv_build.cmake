@@ -69,21 +69,23 @@ endfunction()
 
 # qv_program(qv_host SOURCE host_main_win32.cpp LIBRARIES ...): one of the product's
 # executables, in build/windows/ when this is the release build. A console program unless
-# GUI is given.
+# GUI is given. The target is called qv_host_program, since libraries have such names too.
 function(qv_program name)
   cmake_parse_arguments(ARG "GUI" "SOURCE" "LIBRARIES" ${ARGN})
   if(NOT WIN32 OR NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SOURCE})
     return()
   endif()
-  add_executable(${name} ${ARG_SOURCE})
-  target_compile_options(${name} PRIVATE -fno-exceptions -fno-rtti)
-  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  set(target ${name}_program)
+  add_executable(${target} ${ARG_SOURCE})
+  set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name})
+  target_compile_options(${target} PRIVATE -fno-exceptions -fno-rtti)
+  target_link_libraries(${target} PRIVATE ${ARG_LIBRARIES})
   if(ARG_GUI)
-    set_target_properties(${name} PROPERTIES WIN32_EXECUTABLE ON)
+    set_target_properties(${target} PROPERTIES WIN32_EXECUTABLE ON)
   endif()
   if(CMAKE_BUILD_TYPE STREQUAL "Release" AND CMAKE_BINARY_DIR MATCHES "/build/mingw-release$")
-    set_target_properties(${name} PROPERTIES
+    set_target_properties(${target} PROPERTIES
       RUNTIME_OUTPUT_DIRECTORY ${CMAKE_SOURCE_DIR}/build/windows)
   endif()
-  set_property(GLOBAL APPEND PROPERTY QV_PROGRAMS ${name})
+  set_property(GLOBAL APPEND PROPERTY QV_PROGRAMS ${target})
 endfunction()
