@@ -6,7 +6,9 @@
 #define _WIN32_WINNT 0x0A00
 #endif
 #define WIN32_LEAN_AND_MEAN
+#ifndef NOMINMAX // the C++ library may have defined it
 #define NOMINMAX
+#endif
 
 // The obsolete input function of this name gives way to the message (messages.h).
 #define mouse_event win32_mouse_event
