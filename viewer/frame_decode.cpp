@@ -53,7 +53,7 @@ static void frame_free() REQUIRES(frame_lock)
 
 bool frame_open(int32_t width, int32_t height)
 {
-    lock_init(&frame_lock); // by the first session; later ones find it made
+    lock_init(&frame_lock); // for whoever decodes without a session; harmless otherwise
 
     if (width < 1 || height < 1 || width > FRAME_SIDE_MAX || height > FRAME_SIDE_MAX)
         return false;

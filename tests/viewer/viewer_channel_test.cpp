@@ -1,4 +1,3 @@
-// Fakes: window_posts
 // Labels: threaded
 #include "viewer/viewer_channel.h"
 
