@@ -1088,12 +1088,13 @@ TEST_CASE("random messages give the picture of a plain model")
                       tile_message((uint16_t)tx, (uint16_t)ty, 0, hash, literal_block(data)));
                 m.tile(tx, ty, data, true, hash);
                 break;
-            case 2: // a tile that is cut short somewhere
+            case 2: { // a tile of less than its size
                 data.resize(random.below(TILE_BYTES));
-                apply(MSG_TILE,
-                      tile_message((uint16_t)tx, (uint16_t)ty, (uint8_t)random.below(2), hash,
-                                   data.empty() ? data : literal_block(data)));
+                bool raw = random.below(2);
+                apply(MSG_TILE, tile_message((uint16_t)tx, (uint16_t)ty, raw, hash,
+                                             raw ? data : literal_block(data)));
                 break;
+            }
             case 3:
             case 4:
                 apply(MSG_TILE_REF, ref_message((uint16_t)tx, (uint16_t)ty, hash));
