@@ -68,6 +68,20 @@ const uint8_t *tile_cache_find(uint64_t hash)
     return nullptr;
 }
 
+// Which way of a set takes a hash: the one that has it, else an empty one, else the victim.
+static uint8_t way_to_write(const uint64_t keys[2], uint64_t hash, uint8_t victim)
+{
+    for (uint8_t way = 0; way < 2; way++) {
+        if (keys[way] == hash)
+            return way;
+    }
+    for (uint8_t way = 0; way < 2; way++) {
+        if (keys[way] == 0)
+            return way;
+    }
+    return victim;
+}
+
 void tile_cache_insert(uint64_t hash, const uint8_t *tile, uint64_t stride)
 {
     if (!tile_cache.cache_enabled || hash == 0)
@@ -75,18 +89,7 @@ void tile_cache_insert(uint64_t hash, const uint8_t *tile, uint64_t stride)
 
     uint64_t set = set_of(hash);
     uint64_t *keys = tile_cache.cache_keys + 2 * set;
-    uint8_t way;
-    if (keys[0] == hash)
-        way = 0;
-    else if (keys[1] == hash)
-        way = 1;
-    else if (keys[0] == 0)
-        way = 0;
-    else if (keys[1] == 0)
-        way = 1;
-    else
-        way = tile_cache.cache_victim[set];
-
+    uint8_t way = way_to_write(keys, hash, tile_cache.cache_victim[set]);
     keys[way] = hash;
     uint8_t *slot = slot_tile(2 * set + way);
     for (int32_t row = 0; row < TILE_SIZE; row++)
