@@ -1,3 +1,4 @@
+// Fakes: allocation_limit
 // Labels: threaded
 #include "host/screen.h"
 #include "protocol/thread.h"
@@ -9,17 +10,6 @@
 #include <vector>
 
 using namespace host;
-
-// A refused allocation is a result here, not the end of the program.
-extern "C" const char *__asan_default_options()
-{
-    return "allocator_may_return_null=1:max_allocation_size_mb=4096";
-}
-
-extern "C" const char *__tsan_default_options()
-{
-    return "allocator_may_return_null=1:max_allocation_size_mb=4096";
-}
 
 // No screen and no session, whatever ran before.
 static void start_fresh()
