@@ -668,8 +668,8 @@ TEST_CASE("a text block of another size leaves the cells and moves the layer")
         {11, literal_block(bytes(10, 0))}, // too little
         {10, literal_block(row)},          // too much, though the scratch has room
         {11, {}},                          //
-        {11, {0x10, 1, 2, 0}},             // malformed
-        {-1, {0x10, 1, 2, 0}},             // malformed, and announced like that
+        {11, {0x10, 0, 2, 0}},             // malformed
+        {-1, {0x10, 0, 2, 0}},             // malformed, and announced like that
         {-1, literal_block(row)},          //
         {INT32_MIN, literal_block(row)},   //
         {0, literal_block(row)},           //
@@ -681,6 +681,9 @@ TEST_CASE("a text block of another size leaves the cells and moves the layer")
         opened_frame f(640, 480);
         apply(MSG_TEXT_LAYER, text_message({0, 0, 30, 10, 3, 1, 1, (int32_t)before.size()},
                                            literal_block(before)));
+        // No row is taken from this one: from now on the scratch holds what is not shown.
+        apply(MSG_TEXT_LAYER,
+              text_message({0, 0, 30, 10, 3, 1, 0, (int32_t)row.size()}, literal_block(row)));
         REQUIRE(text_shown() == "abc");
         apply(MSG_TEXT_LAYER, text_message({50, 60, 30, 10, 3, 1, 1, c.raw_size}, c.block));
         CHECK(text_shown() == "abc");
