@@ -1,0 +1,412 @@
+// The frame pipeline: one iteration captures the screen, and when the viewer has room for
+// another frame sends what changed, as one record.
+//
+//   capture_step()    frame_buffer is the newest picture, dirty_map says where to look
+//   pacing_step()     too many frames unacknowledged: the iteration ends, all of it waits
+//   -- host_lock ----
+//   apply_moves()     both pictures, prev_frame and the viewer's, take the screen's moves
+//   walk_tiles()      each dirty tile that differs from prev_frame: a reference, a
+//                     compressed difference or its pixels
+//   -----------------
+//   the log line, the pointer, the frame's end, channel_flush()
+//
+// prev_frame is the host's idea of what the viewer shows. The invariant that keeps the
+// viewer's picture right: wherever a tile's base is certain (tile_base.h), prev_frame and
+// the viewer agree in every byte. Whatever changes one changes the other in the same order:
+// moves on certain pixels, sent tiles. Differences are made only where the base is certain.
+//
+// Runs on the host server thread. host_lock is held from the moves to the end of the walk
+// and never while anything is sent. An iteration allocates nothing once the outgoing buffer
+// has its size, and copies a tile only when it changed.
+#include "host/frame_pipeline.h"
+#include "host/cache_mirror.h"
+#include "host/capture.h"
+#include "host/cursor.h"
+#include "host/host_channel.h"
+#include "host/host_lock.h"
+#include "host/host_server.h"
+#include "host/lz4_block.h"
+#include "host/out_buffer.h"
+#include "host/screen.h"
+#include "host/text_layer.h"
+#include "host/tile_hash.h"
+#include "host/tile_ops.h"
+#include "identity/server_log.h"
+#include "protocol/clock.h"
+#include "protocol/messages.h"
+
+#include <string.h>
+
+namespace host
+{
+
+std::atomic<uint32_t> frame_seq;
+uint16_t peer_caps;
+
+// Host server thread only.
+static struct {
+    uint32_t last_iteration_tick; // end of the last full iteration
+    int32_t walk_tx, walk_ty;     // tile of the hello's grid at which the next walk begins
+    uint64_t tiles_sent_total;    // of this session, references included
+    uint64_t cache_refs_total;
+    cursor_state cursor_sent; // kept across sessions
+} pipeline;
+
+// One tile at work; static because 32 KiB are much for a stack.
+alignas(64) static uint8_t tile_pixels[TILE_BYTES];
+alignas(64) static uint8_t tile_delta[TILE_BYTES];
+
+constexpr uint64_t TILE_MESSAGE_HEAD = MESSAGE_HEADER_BYTES + TILE_HEAD_BYTES;
+constexpr uint64_t CURSOR_MESSAGE = MESSAGE_HEADER_BYTES + CURSOR_BYTES;
+constexpr uint64_t FRAME_END_MESSAGE = MESSAGE_HEADER_BYTES + FRAME_END_BYTES;
+
+// ---------------------------------------------------------------------------------------
+// Moves
+
+struct tile_span {
+    int32_t left, top, right, bottom; // tiles, all inclusive
+};
+
+static tile_span tiles_of(int32_t x, int32_t y, int32_t w, int32_t h)
+{
+    return {x / TILE_SIZE, y / TILE_SIZE, (x + w - 1) / TILE_SIZE, (y + h - 1) / TILE_SIZE};
+}
+
+static tile_base *base_at(int32_t tx, int32_t ty)
+{
+    return &screen.bases[(int64_t)ty * screen.tiles_x + tx];
+}
+
+static bool move_source_certain(const copy_rect &move, uint32_t confirmed_seq)
+    REQUIRES(host_lock)
+{
+    tile_span span = tiles_of(move.src_x, move.src_y, move.w, move.h);
+    for (int32_t ty = span.top; ty <= span.bottom; ty++)
+        for (int32_t tx = span.left; tx <= span.right; tx++)
+            if (tile_base_uncertain(*base_at(tx, ty), confirmed_seq))
+                return false;
+    return true;
+}
+
+// Moves pixels of prev_frame the way the viewer does: rows from the bottom up when the
+// picture moves down, so that a source row is read before it is overwritten.
+static void move_prev_frame(const copy_rect &move) REQUIRES(host_lock)
+{
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    uint64_t bytes = (uint64_t)move.w * PIXEL_BYTES;
+    uint8_t *src =
+        screen.prev_frame + (uint64_t)move.src_y * pitch + (uint64_t)move.src_x * PIXEL_BYTES;
+    uint8_t *dst =
+        screen.prev_frame + (uint64_t)move.dst_y * pitch + (uint64_t)move.dst_x * PIXEL_BYTES;
+    for (int32_t i = 0; i < move.h; i++) {
+        uint64_t row = (uint64_t)(move.dst_y > move.src_y ? move.h - 1 - i : i);
+        memmove(dst + row * pitch, src + row * pitch, bytes);
+    }
+}
+
+// Applies the captured moves to prev_frame, in order, and appends those that it applied.
+//
+// A move from a tile whose base is uncertain is left out on both sides: the viewer would
+// copy pixels that the host does not know. Leaving one out keeps prev_frame and the viewer
+// equal at its destination, since neither changes there. So a later move may start where
+// an omitted one would have ended: it copies equal pixels to equal pixels, though not those
+// on the screen. What the screen shows at either destination is in frame_buffer, and the
+// tiles there are dirty: the walk puts right what the moves did not.
+static void apply_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    int32_t count = screen.move_count;
+    screen.move_count = 0;
+    // The viewer's picture has the size that it was told. On a screen of another size its
+    // pixels and ours do not lie in the same places.
+    if (count == 0 || screen.screen_width != screen.hello_width ||
+        screen.screen_height != screen.hello_height)
+        return;
+
+    uint8_t *message = out_reserve(MESSAGE_HEADER_BYTES + (size_t)count * COPY_RECT_BYTES);
+    if (!message)
+        return; // the flush fails, and the session with it
+    uint32_t length = 0;
+    for (int32_t i = 0; i < count; i++) {
+        const copy_rect &move = screen.move_list[i];
+        if (!move_source_certain(move, confirmed_seq))
+            continue;
+        move_prev_frame(move);
+        tile_span span = tiles_of(move.dst_x, move.dst_y, move.w, move.h);
+        for (int32_t ty = span.top; ty <= span.bottom; ty++)
+            for (int32_t tx = span.left; tx <= span.right; tx++)
+                base_at(tx, ty)->base_blank = 0;
+        put_copy_rect(message + MESSAGE_HEADER_BYTES + length, move);
+        length += COPY_RECT_BYTES;
+    }
+    if (length == 0)
+        return;
+    put_header(message, MSG_COPY_RECTS, length);
+    out_commit(MESSAGE_HEADER_BYTES + length);
+}
+
+// ---------------------------------------------------------------------------------------
+// Tiles
+
+// Whether the frame can take one more tile, however badly it compresses, and what follows
+// the tiles, and still fit a record.
+static bool frame_has_room()
+{
+    constexpr uint64_t NEEDED =
+        TILE_MESSAGE_HEAD + TILE_BYTES + CURSOR_MESSAGE + FRAME_END_MESSAGE;
+    return out_used() + NEEDED <= RECORD_MAX;
+}
+
+// Appends a tile as MSG_TILE: as its difference from base when there is one and it
+// compresses, else as its pixels.
+static void append_tile(tile_head head, const uint8_t pixels[TILE_BYTES], const uint8_t *base,
+                        uint64_t pitch)
+{
+    constexpr int32_t ROOM = lz4_bound(TILE_BYTES);
+    uint8_t *message = out_reserve(TILE_MESSAGE_HEAD + ROOM);
+    if (!message)
+        return; // the flush fails, and the session with it
+    uint8_t *data = message + TILE_MESSAGE_HEAD;
+    int32_t length = 0;
+    if (base) {
+        tile_xor(tile_delta, pixels, base, pitch);
+        length = lz4_compress_block(tile_delta, TILE_BYTES, data, ROOM);
+    }
+    head.raw = length <= 0 || length >= TILE_BYTES;
+    if (head.raw) {
+        memcpy(data, pixels, TILE_BYTES);
+        length = TILE_BYTES;
+    }
+    put_header(message, MSG_TILE, TILE_HEAD_BYTES + (uint32_t)length);
+    put_tile_head(message + MESSAGE_HEADER_BYTES, head);
+    out_commit(TILE_MESSAGE_HEAD + (uint64_t)length);
+}
+
+struct frame_tiles {
+    int32_t handled; // references included
+    int32_t refs;
+};
+
+static bool tile_on_screen(int32_t tx, int32_t ty)
+{
+    return tx < screen.tiles_x && ty < screen.tiles_y;
+}
+
+static std::atomic<uint8_t> *dirty_at(int32_t tx, int32_t ty)
+{
+    return &screen.dirty_map[(int64_t)ty * screen.tiles_x + tx];
+}
+
+// Whether a tile of the hello's grid, columns wide, is to be examined. Under the text layer
+// nothing is, and what is dirty stays so for the layer's end.
+static bool tile_is_due(int32_t tx, int32_t ty, int32_t columns)
+{
+    if (tile_on_screen(tx, ty))
+        return *dirty_at(tx, ty) != 0 && !text_layer_covers(tx, ty);
+    return screen.outside_map && screen.outside_map[(int64_t)ty * columns + tx] != 0;
+}
+
+// Whether a tile has to go out, judged in place. Most dirty tiles turn out unchanged, and
+// one pass over both pictures is all that they cost.
+static bool tile_changed(const tile_base &base, const uint8_t *now, const uint8_t *before,
+                         uint64_t pitch) REQUIRES(host_lock)
+{
+    if (base.must_send || !tile_equal(now, before, pitch))
+        return true;
+    // After a miss prev_frame is zero, so a black tile equals it and is not sent again,
+    // although the viewer may show something else there. Kept on purpose: the tile stays
+    // LOST, and is sent with its next change.
+    return base.base_state == BASE_LOST && !tile_is_zero(now, pitch);
+}
+
+// Examines one dirty tile of the screen and sends it if it has to go out.
+static void send_tile(int32_t tx, int32_t ty, uint32_t confirmed_seq, frame_tiles *sent)
+    REQUIRES(host_lock)
+{
+    *dirty_at(tx, ty) = 0;
+    tile_base *base = base_at(tx, ty);
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    uint64_t offset = tile_offset(screen.padded_width, tx, ty);
+    const uint8_t *now = screen.frame_buffer + offset;
+    uint8_t *before = screen.prev_frame + offset;
+    if (!tile_changed(*base, now, before, pitch))
+        return;
+
+    tile_gather(tile_pixels, now, pitch);
+    tile_head head = {.tile_x = (uint16_t)tx,
+                      .tile_y = (uint16_t)ty,
+                      .raw = 0,
+                      .hash = tile_hash(tile_pixels)};
+    bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
+    if (cached && cache_mirror_find(head.hash)) {
+        uint8_t ref[TILE_REF_BYTES];
+        put_tile_ref(ref, {head.tile_x, head.tile_y, head.hash});
+        out_append_header(MSG_TILE_REF, sizeof ref);
+        out_append(ref, sizeof ref);
+        tile_base_referenced(base, frame_seq + 1);
+        sent->refs++;
+    } else {
+        bool uncertain = tile_base_uncertain(*base, confirmed_seq);
+        append_tile(head, tile_pixels, uncertain ? nullptr : before, pitch);
+        tile_base_sent(base);
+        if (cached)
+            cache_mirror_insert(head.hash); // the viewer stores every tile it receives
+    }
+    tile_scatter(before, pitch, tile_pixels);
+    sent->handled++;
+}
+
+// Blanks a tile of the viewer's picture that a smaller screen has left behind. Hash 0: it
+// is not worth a place in the cache.
+static void send_outside_tile(int32_t tx, int32_t ty, int32_t columns, frame_tiles *sent)
+{
+    screen.outside_map[(int64_t)ty * columns + tx] = 0;
+    memset(tile_pixels, 0, sizeof tile_pixels);
+    tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 1, .hash = 0};
+    append_tile(head, tile_pixels, nullptr, 0);
+    sent->handled++;
+}
+
+// Walks the grid that the viewer was told, from where the last walk ran out of budget, and
+// sends what is dirty. Tiles of a larger screen beyond that grid are not walked: no viewer
+// would draw them.
+//
+// Once one tile does not fit the budget or the record, none after it does, so the walk ends
+// there and the next begins with that tile. Thus no part of a busy screen starves the rest.
+//
+// confirmed_seq is from before the walk. A newer value could only make more bases certain:
+// misses come ahead of the acknowledgement that proves a reference, and wait for host_lock.
+static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    frame_tiles sent = {};
+    int32_t columns = tiles_for(screen.hello_width);
+    int32_t rows = tiles_for(screen.hello_height);
+    int32_t tx = pipeline.walk_tx;
+    int32_t ty = pipeline.walk_ty;
+    pipeline.walk_tx = 0;
+    pipeline.walk_ty = 0;
+    for (int64_t left = (int64_t)columns * rows; left > 0; left--) {
+        if (tile_is_due(tx, ty, columns)) {
+            if (sent.handled >= budget || !frame_has_room()) {
+                pipeline.walk_tx = tx;
+                pipeline.walk_ty = ty;
+                break;
+            }
+            if (tile_on_screen(tx, ty))
+                send_tile(tx, ty, confirmed_seq, &sent);
+            else
+                send_outside_tile(tx, ty, columns, &sent);
+        }
+        if (++tx == columns) {
+            tx = 0;
+            if (++ty == rows)
+                ty = 0;
+        }
+    }
+    return sent;
+}
+
+// ---------------------------------------------------------------------------------------
+// One iteration
+
+static void append_cursor()
+{
+    cursor_state now = cursor_read();
+    if (now.x == pipeline.cursor_sent.x && now.y == pipeline.cursor_sent.y &&
+        now.visible == pipeline.cursor_sent.visible)
+        return;
+    uint8_t message[CURSOR_MESSAGE];
+    put_header(message, MSG_CURSOR, CURSOR_BYTES);
+    put_cursor(message + MESSAGE_HEADER_BYTES, now.x, now.y, now.visible);
+    out_append(message, sizeof message);
+    pipeline.cursor_sent = now;
+}
+
+// Numbers and closes the frame and sends it. The number is public before the frame is: its
+// acknowledgement may arrive before the flush returns.
+static bool end_frame()
+{
+    uint32_t seq = frame_seq + 1;
+    frame_seq = seq;
+    uint8_t message[FRAME_END_MESSAGE];
+    put_header(message, MSG_FRAME_END, FRAME_END_BYTES);
+    put_frame_stamp(message + MESSAGE_HEADER_BYTES, {seq, clock_ms()});
+    out_append(message, sizeof message);
+    if (!channel_flush())
+        return false;
+    screen.first_frame_flushed = true;
+    return true;
+}
+
+bool frame_pipeline_step(host_session *session)
+{
+    if (capture_step() == CAPTURE_RESTARTED)
+        return true;
+
+    switch (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, clock_ms(),
+                        pipeline.last_iteration_tick)) {
+    case PACE_WAIT:
+        return true;
+    case PACE_STALL:
+        // Lost acknowledgements must not stall the stream. confirmed_seq stays: nothing is
+        // known about the frames that this passes over.
+        session->acked_seq = frame_seq.load();
+        break;
+    case PACE_SEND:
+        break;
+    }
+
+    size_t frame_start = out_used();
+    int32_t budget = session->tile_budget;
+    lock_enter(&host_lock);
+    uint32_t confirmed_seq = session->confirmed_seq;
+    apply_moves(confirmed_seq);
+    frame_tiles sent = walk_tiles(budget, confirmed_seq);
+    lock_leave(&host_lock);
+    pipeline.tiles_sent_total += (uint64_t)sent.handled;
+    pipeline.cache_refs_total += (uint64_t)sent.refs;
+
+    // The test looks at the number of the frame before, and at every iteration: while
+    // nothing changes and that number is one of these the line repeats. Kept on purpose.
+    uint32_t last = frame_seq;
+    if (last <= 2 || last % 200 == 0)
+        server_log("frame %u: %d tiles (%d as refs), %u bytes", last + 1, sent.handled,
+                   sent.refs, (uint32_t)(out_used() - frame_start));
+
+    append_cursor();
+    if ((out_used() != frame_start || !out_intact()) && !end_frame())
+        return false;
+    pipeline.last_iteration_tick = clock_ms();
+    return true;
+}
+
+void frame_pipeline_start(host_session *, uint16_t caps)
+{
+    lock_enter(&host_lock);
+    screen_session_start();
+    cache_mirror_reset();
+    lock_leave(&host_lock);
+    peer_caps = caps;
+    pipeline.walk_tx = 0;
+    pipeline.walk_ty = 0;
+    pipeline.tiles_sent_total = 0;
+    pipeline.cache_refs_total = 0;
+    out_reset();
+    text_layer_reset();
+    pipeline.last_iteration_tick = clock_ms();
+}
+
+void frame_pipeline_run(host_session *session)
+{
+    while (!host_stop_requested && !session->session_ended)
+        if (!frame_pipeline_step(session))
+            break;
+
+    uint64_t tiles = pipeline.tiles_sent_total;
+    uint64_t refs = pipeline.cache_refs_total;
+    server_log("session stats: %llu tiles sent, %llu as cache refs (%.0f%%)",
+               (unsigned long long)tiles, (unsigned long long)refs,
+               tiles ? 100.0 * (double)refs / (double)tiles : 0.0);
+    server_log("client disconnected");
+}
+
+} // namespace host

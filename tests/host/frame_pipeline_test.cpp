@@ -1,0 +1,1339 @@
+// The frame pipeline with a scripted screen, clock and pointer; what it flushes goes to a
+// plain viewer. Misses and acknowledgements come back through the control thread's own
+// message handler.
+//
+// Fakes: capture_script cursor_script clock_script flush_record input_record server_log_record
+#include "host/frame_pipeline.h"
+#include "host/cache_mirror.h"
+#include "host/control_thread.h"
+#include "host/host_channel.h"
+#include "host/host_server.h"
+#include "host/out_buffer.h"
+#include "host/screen.h"
+#include "host/text_layer.h"
+#include "protocol/thread.h"
+#include "tests/fakes/capture_script.h"
+#include "tests/fakes/clock_script.h"
+#include "tests/fakes/cursor_script.h"
+#include "tests/fakes/flush_record.h"
+#include "tests/fakes/server_log_record.h"
+#include "tests/host/viewer_model.h"
+#include "tests/test.h"
+
+#include <deque>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+using namespace host;
+
+// The server's flag; the server itself has no part here.
+std::atomic<uint32_t> host::host_stop_requested;
+
+// ---------------------------------------------------------------------------------------
+// The desktop that is captured, the session, the viewer
+
+struct rect {
+    int32_t left, top, right, bottom;
+};
+
+// What stands on the host's screen. Drawing puts rectangles down for the next capture step;
+// a GDI back end would report the whole screen instead.
+static struct {
+    int32_t width, height;
+    std::vector<uint8_t> pixels; // rows of width * 4 bytes
+    std::vector<rect> dirty;
+    std::vector<copy_rect> moves;
+    bool whole_screen; // report everything at every step, as GDI does
+} desktop;
+
+static viewer_model viewer;
+static host_session session;
+
+static uint8_t *desktop_at(int32_t x, int32_t y)
+{
+    return &desktop.pixels[((size_t)y * (size_t)desktop.width + (size_t)x) * 4];
+}
+
+static capture_result desktop_capture()
+{
+    if (desktop.whole_screen)
+        desktop.dirty.push_back({0, 0, desktop.width, desktop.height});
+    if (desktop.dirty.empty())
+        return CAPTURE_NOTHING;
+    for (const copy_rect &m : desktop.moves)
+        screen.move_list[screen.move_count++] = m;
+    for (const rect &r : desktop.dirty)
+        capture_copy_rect(desktop.pixels.data(), desktop.width * 4, r.left, r.top, r.right,
+                          r.bottom);
+    desktop.dirty.clear();
+    desktop.moves.clear();
+    return CAPTURE_FRAME;
+}
+
+static void desktop_open(int32_t width, int32_t height)
+{
+    desktop.width = width;
+    desktop.height = height;
+    desktop.pixels.assign((size_t)width * (size_t)height * 4, 0);
+    desktop.dirty.assign(1, {0, 0, width, height});
+    desktop.moves.clear();
+    desktop.whole_screen = false;
+    capture_script_step = desktop_capture;
+}
+
+static void fill(rect r, uint32_t colour)
+{
+    for (int32_t y = r.top; y < r.bottom; y++)
+        for (int32_t x = r.left; x < r.right; x++)
+            store_le32(desktop_at(x, y), colour);
+    desktop.dirty.push_back(r);
+}
+
+static void fill_noise(rect r, test_random *random)
+{
+    for (int32_t y = r.top; y < r.bottom; y++)
+        for (int32_t x = r.left; x < r.right; x++)
+            store_le32(desktop_at(x, y), (uint32_t)(random->next() >> 20) | 1);
+    desktop.dirty.push_back(r);
+}
+
+static rect tile_rect(int32_t tx, int32_t ty)
+{
+    return {tx * 64, ty * 64, tx * 64 + 64, ty * 64 + 64};
+}
+
+static rect whole()
+{
+    return {0, 0, desktop.width, desktop.height};
+}
+
+// Moves a block of the desktop the way a scroll does, and reports it as duplication does.
+static void move_block(copy_rect m)
+{
+    std::vector<uint8_t> copy;
+    for (int32_t y = 0; y < m.h; y++)
+        copy.insert(copy.end(), desktop_at(m.src_x, m.src_y + y),
+                    desktop_at(m.src_x, m.src_y + y) + m.w * 4);
+    for (int32_t y = 0; y < m.h; y++)
+        memcpy(desktop_at(m.dst_x, m.dst_y + y), &copy[(size_t)y * (size_t)m.w * 4],
+               (size_t)m.w * 4);
+    desktop.moves.push_back(m);
+    desktop.dirty.push_back({m.dst_x, m.dst_y, m.dst_x + m.w, m.dst_y + m.h});
+}
+
+// A session with a fresh viewer of the desktop as it is.
+static void start_session(uint16_t caps = CAP_TILE_CACHE)
+{
+    session.generation = session_generation;
+    session.estimator = latency_start();
+    session.tile_budget = TILE_BUDGET_MAX;
+    session.ema_rtt16 = 0;
+    session.acked_seq = frame_seq.load();
+    session.confirmed_seq = frame_seq.load();
+    session.session_ended = 0;
+    host_stop_requested = 0;
+    flush_records.clear();
+    flush_fails = false;
+    flush_hook = nullptr;
+    frame_pipeline_start(&session, caps);
+    viewer.open(screen.screen_width, screen.screen_height);
+}
+
+// A new desktop of this size and a session that shows it.
+static void start(int32_t width, int32_t height, uint16_t caps = CAP_TILE_CACHE)
+{
+    lock_init(&host_lock);
+    // No session while the screen gets its size: what the server does at its start.
+    screen.hello_width = 0;
+    screen.hello_height = 0;
+    desktop_open(width, height);
+    REQUIRE(screen_resize(width, height));
+    start_session(caps);
+}
+
+static void acknowledge(uint32_t seq)
+{
+    uint8_t ack[FRAME_ACK_BYTES];
+    put_frame_stamp(ack, {seq, clock_script_now});
+    control_message(&session, MSG_FRAME_ACK, ack, sizeof ack);
+}
+
+static void report_miss(const tile_ref &ref)
+{
+    uint8_t miss[CACHE_MISS_BYTES];
+    put_tile_ref(miss, ref);
+    control_message(&session, MSG_CACHE_MISS, miss, sizeof miss);
+}
+
+// One iteration; the messages that it flushed, applied to the viewer. Nothing comes back.
+static std::vector<model_message> step_unanswered()
+{
+    flush_records.clear();
+    REQUIRE(frame_pipeline_step(&session));
+    REQUIRE(out_used() == 0);
+    if (flush_records.empty())
+        return {};
+    REQUIRE(flush_records.size() == 1); // one frame, one record
+    REQUIRE(flush_records[0].size() <= 16777216);
+    viewer.apply_record(flush_records[0]);
+    std::vector<model_message> messages = model_split(flush_records[0]);
+    REQUIRE(messages.back().type == MSG_FRAME_END);
+    return messages;
+}
+
+// One iteration whose misses and acknowledgement come back at once.
+static std::vector<model_message> step()
+{
+    std::vector<model_message> messages = step_unanswered();
+    if (!messages.empty()) {
+        for (const tile_ref &ref : viewer.misses)
+            report_miss(ref);
+        acknowledge(viewer.last_end.frame_seq);
+    }
+    return messages;
+}
+
+static bool tile_shown(int32_t tx, int32_t ty)
+{
+    std::vector<uint8_t> t = viewer.tile(tx, ty);
+    for (int32_t y = 0; y < 64; y++)
+        for (int32_t x = 0; x < 64; x++) {
+            int32_t sx = tx * 64 + x, sy = ty * 64 + y;
+            uint32_t expected = 0; // the padding
+            if (sx < desktop.width && sy < desktop.height)
+                expected = load_le32(desktop_at(sx, sy));
+            if (load_le32(&t[(size_t)(y * 64 + x) * 4]) != expected)
+                return false;
+        }
+    return true;
+}
+
+// Whether the viewer shows the desktop, in all four bytes, as far as its own grid goes.
+static bool picture_right()
+{
+    for (int32_t ty = 0; ty < tiles_for(viewer.height); ty++)
+        for (int32_t tx = 0; tx < tiles_for(viewer.width); tx++)
+            if (!tile_shown(tx, ty)) {
+                MESSAGE("tile " << tx << ", " << ty << " differs");
+                return false;
+            }
+    return true;
+}
+
+static int count_type(const std::vector<model_message> &messages, uint8_t type)
+{
+    int n = 0;
+    for (const model_message &m : messages)
+        n += m.type == type;
+    return n;
+}
+
+// Tiles of a frame, sent or referenced, in order.
+static std::vector<tile_ref> tiles_in(const std::vector<model_message> &messages)
+{
+    std::vector<tile_ref> tiles;
+    for (const model_message &m : messages) {
+        if (m.type == MSG_TILE) {
+            tile_head head = get_tile_head(m.payload.data());
+            tiles.push_back({head.tile_x, head.tile_y, head.hash});
+        } else if (m.type == MSG_TILE_REF) {
+            tiles.push_back(get_tile_ref(m.payload.data()));
+        }
+    }
+    return tiles;
+}
+
+// The one MSG_TILE of a frame that has just one tile.
+static tile_head only_tile(const std::vector<model_message> &messages)
+{
+    REQUIRE(tiles_in(messages).size() == 1);
+    for (const model_message &m : messages)
+        if (m.type == MSG_TILE)
+            return get_tile_head(m.payload.data());
+    FAIL("the frame has no MSG_TILE");
+    return {};
+}
+
+static tile_base base_of(int32_t tx, int32_t ty) NO_THREAD_SAFETY_ANALYSIS
+{
+    return screen.bases[ty * screen.tiles_x + tx];
+}
+
+static bool mirror_holds(uint64_t hash) NO_THREAD_SAFETY_ANALYSIS
+{
+    return cache_mirror_find(hash);
+}
+
+static uint32_t mirrored() NO_THREAD_SAFETY_ANALYSIS
+{
+    return cache_mirror_count();
+}
+
+static int dirty_tiles()
+{
+    int n = 0;
+    for (int i = 0; i < screen.tiles_x * screen.tiles_y; i++)
+        n += screen.dirty_map[i];
+    return n;
+}
+
+static void mirror_forget(uint64_t hash) NO_THREAD_SAFETY_ANALYSIS
+{
+    cache_mirror_remove(hash);
+}
+
+constexpr uint32_t RED = 0xFFCC2010, GREEN = 0x0020C040, BLUE = 0x7F1020D0;
+
+// ---------------------------------------------------------------------------------------
+// What a frame is
+
+TEST_CASE("a still screen is sent once and then costs nothing, but for the moving pointer")
+{
+    start(200, 130); // 4 by 3 tiles, with padding on both sides
+    test_random random = test_random_seeded("still");
+    fill_noise(whole(), &random);
+    uint32_t first = frame_seq + 1;
+    clock_script_now = 0x01020304;
+    std::vector<model_message> frame = step();
+    CHECK(tiles_in(frame).size() == 12);
+    CHECK(picture_right());
+    CHECK(frame_seq == first);
+    CHECK(viewer.last_end.frame_seq == first);
+    CHECK(viewer.last_end.sent_ms == 0x01020304);
+
+    desktop.whole_screen = true; // GDI: everything is examined, nothing has changed
+    for (int i = 0; i < 5; i++)
+        CHECK(step().empty());
+    CHECK(frame_seq == first);
+    CHECK(dirty_tiles() == 0);
+
+    cursor_script_now = {-5, 0x102, 1};
+    frame_seq = 0x0A0B0C0D;
+    acknowledge(frame_seq);
+    clock_script_now = 0x01020305;
+    CHECK(step().size() == 2);
+    const uint8_t expected[] = {5,    0,    0,    0,    9,    0,    0,    0, // MSG_CURSOR
+                                0xFB, 0xFF, 0xFF, 0xFF, 0x02, 0x01, 0,    0,   1,
+                                7,    0,    0,    0,    8,    0,    0,    0, // MSG_FRAME_END
+                                0x0E, 0x0C, 0x0B, 0x0A, 0x05, 0x03, 0x02, 0x01};
+    REQUIRE(flush_records.size() == 1);
+    REQUIRE(flush_records[0].size() == sizeof expected);
+    CHECK(memcmp(flush_records[0].data(), expected, sizeof expected) == 0);
+    CHECK(step().empty());
+    frame_seq = 0;
+}
+
+TEST_CASE("the pointer last sent is remembered across sessions")
+{
+    start(64, 64);
+    cursor_script_now = {7, 8, 1};
+    CHECK(count_type(step(), MSG_CURSOR) == 1);
+    start_session();
+    CHECK(step().empty()); // a black screen and the same pointer: nothing to say
+    cursor_script_now.visible = 0;
+    CHECK(count_type(step(), MSG_CURSOR) == 1);
+}
+
+TEST_CASE("a tile that equals one elsewhere goes as a reference of 12 bytes")
+{
+    start(256, 64);
+    test_random random = test_random_seeded("reference");
+    fill_noise(tile_rect(0, 0), &random);
+    for (int32_t y = 0; y < 64; y++)
+        memcpy(desktop_at(192, y), desktop_at(0, y), 256);
+    std::vector<model_message> frame = step();
+    // The two tiles between are black, as the viewer shows them already.
+    REQUIRE(frame.size() == 3);
+    CHECK(frame[0].type == MSG_TILE);
+    CHECK(frame[1].type == MSG_TILE_REF);
+    CHECK(frame[1].payload.size() == 12);
+    CHECK(get_tile_ref(frame[1].payload.data()).tile_x == 3);
+    CHECK(viewer.hits == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("without the cache capability every tile goes in full")
+{
+    start(256, 64, CAP_TEXT_LAYER);
+    fill(whole(), RED);
+    std::vector<model_message> frame = step();
+    CHECK(count_type(frame, MSG_TILE) == 4);
+    CHECK(count_type(frame, MSG_TILE_REF) == 0);
+    CHECK(mirrored() == 0);
+    CHECK(picture_right());
+}
+
+TEST_CASE("an advertised tile goes as a reference at once")
+{
+    start(64, 64);
+    test_random random = test_random_seeded("advertised");
+    fill_noise(whole(), &random);
+    step();
+    uint64_t hash = viewer.cache.begin()->first;
+    auto kept = viewer.cache;
+
+    start_session();
+    viewer.cache = kept; // the viewer loaded it from its last session
+    uint8_t advert[8];
+    store_le64(advert, hash);
+    control_message(&session, MSG_CACHE_ADVERT, advert, sizeof advert);
+    std::vector<model_message> frame = step();
+    CHECK(count_type(frame, MSG_TILE) == 0);
+    CHECK(count_type(frame, MSG_TILE_REF) == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("noise goes raw and what compresses goes as the difference from what was there")
+{
+    start(64, 64, 0);
+    test_random random = test_random_seeded("noise");
+    fill_noise(whole(), &random);
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 2);
+    CHECK(frame[0].payload.size() == 16397);
+    CHECK(frame[0].payload[4] == 1);
+    CHECK(picture_right());
+
+    // One pixel of all that noise: as a tile it would not compress, as a difference it does.
+    fill({10, 10, 11, 11}, RED);
+    frame = step();
+    REQUIRE(frame.size() == 2);
+    CHECK(frame[0].payload[4] == 0);
+    CHECK(frame[0].payload.size() < 200);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a change of the fourth byte of one pixel is a change")
+{
+    start(64, 64, 0);
+    fill(whole(), GREEN);
+    step();
+    *desktop_at(63, 63) = (uint8_t)(GREEN & 0xFF);
+    desktop_at(63, 63)[3] = 0x5A;
+    desktop.dirty.push_back({63, 63, 64, 64});
+    CHECK(tiles_in(step()).size() == 1);
+    CHECK(picture_right());
+}
+
+// ---------------------------------------------------------------------------------------
+// Budget, walk and record size
+
+TEST_CASE("a full change of 240 tiles with a budget of 8 takes 30 frames from the top")
+{
+    start(1024, 960, 0); // 16 by 15 tiles
+    fill(whole(), BLUE);
+    int frames = 0;
+    std::vector<int> order;
+    for (; frames < 100; frames++) {
+        session.tile_budget = 8;
+        std::vector<model_message> frame = step();
+        if (frame.empty())
+            break;
+        CHECK(tiles_in(frame).size() == 8);
+        for (const tile_ref &t : tiles_in(frame))
+            order.push_back(t.tile_y * 16 + t.tile_x);
+    }
+    CHECK(frames == 30);
+    REQUIRE(order.size() == 240);
+    for (int i = 0; i < 240; i++)
+        CHECK(order[(size_t)i] == i);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a screen that changes everywhere all the time starves none of its tiles")
+{
+    start(1024, 960, 0);
+    test_random random = test_random_seeded("starvation");
+    std::vector<int> sent(240);
+    for (int frame = 0; frame < 60; frame++) {
+        fill_noise(whole(), &random);
+        session.tile_budget = 8;
+        for (const tile_ref &t : tiles_in(step()))
+            sent[(size_t)(t.tile_y * 16 + t.tile_x)]++;
+    }
+    for (int n : sent)
+        CHECK(n == 2);
+}
+
+TEST_CASE("after a walk that left nothing the next one begins at the first tile")
+{
+    start(512, 64, 0);
+    step();
+    test_random random = test_random_seeded("walk start");
+    fill_noise(whole(), &random);
+    session.tile_budget = 5;
+    CHECK(tiles_in(step()).size() == 5);
+    fill_noise(whole(), &random);
+    session.tile_budget = 8;
+    std::vector<tile_ref> wrapped = tiles_in(step());
+    REQUIRE(wrapped.size() == 8);
+    CHECK(wrapped[0].tile_x == 5); // where the budget ran out
+    CHECK(wrapped[3].tile_x == 0);
+    fill_noise(whole(), &random);
+    session.tile_budget = 8;
+    CHECK(tiles_in(step())[0].tile_x == 0);
+
+    // A session, too, begins there.
+    fill_noise(whole(), &random);
+    session.tile_budget = 5;
+    step();
+    start_session(0);
+    CHECK(tiles_in(step())[0].tile_x == 0);
+}
+
+TEST_CASE("a 3840x2160 screen of noise arrives in two frames that fit a record")
+{
+    start(3840, 2160, 0); // 60 by 34 = 2040 tiles
+    test_random random = test_random_seeded("4k");
+    fill_noise(whole(), &random);
+    // A raw tile takes 8 + 16397 bytes; a pointer and the frame's end 17 + 16. A tile is
+    // begun while used + 16405 + 33 <= 16777216, so up to 1021 tiles may precede it.
+    cursor_script_now.x++;
+    std::vector<model_message> frame = step();
+    CHECK(count_type(frame, MSG_TILE) == 1022);
+    CHECK(count_type(frame, MSG_CURSOR) == 1);
+    CHECK(flush_records[0].size() == 1022 * 16405 + 33);
+    std::vector<tile_ref> rest = tiles_in(step());
+    REQUIRE(rest.size() == 1018);
+    CHECK(rest[0].tile_y * 60 + rest[0].tile_x == 1022);
+    CHECK(picture_right());
+    CHECK(step().empty());
+}
+
+// ---------------------------------------------------------------------------------------
+// Pacing and the log
+
+TEST_CASE("a frame waits for the acknowledgement and keeps what was captured meanwhile")
+{
+    start(128, 64);
+    fill(tile_rect(0, 0), RED);
+    CHECK(!step_unanswered().empty());
+    fill(tile_rect(1, 0), GREEN);
+    CHECK(step_unanswered().empty());
+    fill(tile_rect(0, 0), BLUE);
+    CHECK(step_unanswered().empty());
+    acknowledge(frame_seq);
+    CHECK(tiles_in(step_unanswered()).size() == 2);
+    CHECK(picture_right());
+}
+
+TEST_CASE("more than 250 ms without an acknowledgement the stream goes on")
+{
+    start(64, 64);
+    fill(whole(), RED);
+    clock_script_now = 0xFFFFFF80; // the clock may wrap meanwhile
+    CHECK(!step_unanswered().empty());
+    uint32_t sent = frame_seq;
+    uint32_t confirmed = session.confirmed_seq;
+    fill(whole(), GREEN);
+    clock_script_now += 250;
+    CHECK(step_unanswered().empty());
+    CHECK(session.acked_seq == sent - 1);
+    clock_script_now += 1;
+    CHECK(!step_unanswered().empty());
+    CHECK(session.acked_seq == sent);          // passed over
+    CHECK(session.confirmed_seq == confirmed); // but not acknowledged
+    // That iteration was a full one, so the next wait is as long again.
+    fill(whole(), BLUE);
+    clock_script_now += 250;
+    CHECK(step_unanswered().empty());
+    clock_script_now += 1;
+    CHECK(!step_unanswered().empty());
+    CHECK(picture_right());
+}
+
+TEST_CASE("a reference that a stall passed over is still uncertain")
+{
+    start(128, 64);
+    fill(tile_rect(0, 0), RED);
+    step();
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+    clock_script_now += 251;
+    fill(tile_rect(1, 0), GREEN);
+    CHECK(only_tile(step_unanswered()).raw == 1);
+    CHECK(picture_right());
+}
+
+static std::vector<std::string> frame_lines()
+{
+    std::vector<std::string> lines;
+    for (const std::string &line : server_log_lines())
+        if (line.compare(0, 6, "frame ") == 0)
+            lines.push_back(line);
+    return lines;
+}
+
+TEST_CASE("a fresh process logs frames 1, 2, 3, 201 and 401")
+{
+    frame_seq = 0;
+    start(128, 128);
+    server_log_clear();
+    std::vector<std::string> expected;
+    for (uint32_t n = 1; n <= 405; n++) {
+        fill(tile_rect(0, 0), 0x01000000 + n);
+        fill(tile_rect(1, 1), 0x01000000 + n);
+        cursor_script_now.x = (int32_t)n;
+        std::vector<model_message> frame = step();
+        REQUIRE(frame_seq == n);
+        REQUIRE(frame.size() == 4); // tile, reference, pointer, end
+        if (n == 1 || n == 2 || n == 3 || n == 201 || n == 401)
+            expected.push_back("frame " + std::to_string(n) + ": 2 tiles (1 as refs), " +
+                               std::to_string(flush_records[0].size() - 33) + " bytes");
+    }
+    CHECK(frame_lines() == expected);
+}
+
+TEST_CASE("while the frame number rests on a logged value the line repeats")
+{
+    start(64, 64);
+    frame_seq = 399;
+    acknowledge(frame_seq);
+    fill(whole(), RED);
+    step();
+    server_log_clear();
+    for (int i = 0; i < 3; i++)
+        CHECK(step().empty());
+    const std::string line = "frame 401: 0 tiles (0 as refs), 0 bytes";
+    CHECK(frame_lines() == std::vector<std::string>{line, line, line});
+    frame_seq = 401;
+    acknowledge(frame_seq);
+    CHECK(step().empty());
+    CHECK(frame_lines().size() == 3);
+}
+
+TEST_CASE("frame numbers wrap")
+{
+    start(128, 64);
+    frame_seq = 0xFFFFFFFE;
+    session.acked_seq = session.confirmed_seq = 0xFFFFFFFE;
+    fill(tile_rect(0, 0), RED);
+    step();
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+    CHECK(frame_seq == 0);
+    CHECK(base_of(1, 0).ref_seq == 0);
+    session.acked_seq = 0; // pacing alone; not confirmed
+    fill(tile_rect(1, 0), GREEN);
+    CHECK(only_tile(step_unanswered()).raw == 1);
+    acknowledge(frame_seq);
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    fill(tile_rect(1, 0), BLUE);
+    CHECK(only_tile(step()).raw == 0);
+    CHECK(picture_right());
+}
+
+// ---------------------------------------------------------------------------------------
+// What the viewer shows, and what the host may assume of it
+
+// Makes the viewer forget the tiles that it holds, while the mirror still believes in them.
+static void viewer_forgets(uint64_t hash)
+{
+    REQUIRE(mirror_holds(hash));
+    REQUIRE(viewer.cache.erase(hash) == 1);
+}
+
+// Puts a tile of one colour in the mirror and returns its hash. (0, 0) shows it now.
+static uint64_t teach(uint32_t colour)
+{
+    fill(tile_rect(0, 0), colour);
+    std::vector<tile_ref> tiles = tiles_in(step());
+    REQUIRE(tiles.size() == 1);
+    return tiles[0].hash;
+}
+
+TEST_CASE("a miss on a tile that still shows zeros is resent as a difference")
+{
+    start(128, 64);
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    REQUIRE(viewer.misses.size() == 1);
+    CHECK(base_of(1, 0).base_state == BASE_KNOWN);
+    CHECK(only_tile(step()).raw == 0);
+    CHECK(picture_right());
+    CHECK(step().empty());
+}
+
+TEST_CASE("a miss on a tile that shows something else is resent raw, once")
+{
+    start(128, 64);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(base_of(1, 0).base_state == BASE_LOST);
+    std::vector<model_message> frame = step();
+    CHECK(only_tile(frame).raw == 1);
+    CHECK(frame[0].payload.size() == 16397);
+    CHECK(picture_right());
+    CHECK(step().empty());
+    // The viewer's tile is known again, and it learned the tile that it had missed.
+    fill({70, 10, 80, 20}, BLUE);
+    CHECK(only_tile(step()).raw == 0);
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(viewer.misses.empty());
+    CHECK(picture_right());
+}
+
+TEST_CASE("until its reference is confirmed a tile goes raw, afterwards as a difference")
+{
+    start(128, 64);
+    teach(RED);
+    fill(tile_rect(1, 0), RED);
+    step_unanswered();
+    CHECK(base_of(1, 0).base_state == BASE_PENDING);
+    CHECK(base_of(1, 0).ref_seq == frame_seq);
+    session.acked_seq = frame_seq.load(); // the pacing goes on, nothing is confirmed
+    fill({70, 10, 80, 20}, BLUE);
+    CHECK(only_tile(step_unanswered()).raw == 1);
+    CHECK(picture_right());
+
+    acknowledge(frame_seq);
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    fill({70, 10, 80, 20}, GREEN);
+    CHECK(only_tile(step()).raw == 0);
+    CHECK(picture_right());
+}
+
+TEST_CASE("the miss of an older frame makes a tile that was sent since lost, not wrong")
+{
+    start(128, 64);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    step_unanswered();
+    REQUIRE(viewer.misses.size() == 1);
+    tile_ref late = viewer.misses[0];
+    session.acked_seq = frame_seq.load();
+    fill(tile_rect(1, 0), BLUE);
+    CHECK(only_tile(step_unanswered()).raw == 1);
+    CHECK(picture_right());
+    report_miss(late);
+    acknowledge(frame_seq);
+    // Sent again: the viewer cached it, so as a reference.
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a black tile that was missed is not sent again until it changes")
+{
+    start(128, 64);
+    teach(RED);
+    uint64_t black = teach(0);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(black);
+    fill(tile_rect(1, 0), 0);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(step().empty()); // it equals the zeroed prev_frame
+    CHECK_FALSE(tile_shown(1, 0));
+    CHECK(base_of(1, 0).base_state == BASE_LOST);
+    desktop.whole_screen = true;
+    CHECK(step().empty());
+    CHECK(base_of(1, 0).base_state == BASE_LOST);
+    fill({70, 10, 80, 20}, BLUE);
+    CHECK(only_tile(step()).raw == 1); // what the viewer shows there is not known
+    CHECK(picture_right());
+}
+
+TEST_CASE("a lost tile goes out even when prev_frame happens to equal it")
+{
+    start(192, 64);
+    test_random random = test_random_seeded("lost but equal");
+    fill_noise(tile_rect(2, 0), &random);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(base_of(1, 0).base_state == BASE_LOST);
+    // A move covers the lost tile with known pixels: prev_frame now equals the screen.
+    move_block({128, 0, 64, 0, 64, 64});
+    std::vector<model_message> frame = step();
+    CHECK(count_type(frame, MSG_COPY_RECTS) == 1);
+    CHECK(tiles_in(frame).size() == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a tile forgotten by the mirror goes in full")
+{
+    start(128, 64);
+    uint64_t red = teach(RED);
+    mirror_forget(red);
+    fill(tile_rect(1, 0), RED);
+    CHECK(only_tile(step()).hash == red);
+    CHECK(mirror_holds(red));
+}
+
+// ---------------------------------------------------------------------------------------
+// The capture is re-created, the screen changes its size
+
+static capture_result restart_capture()
+{
+    capture_script_step = desktop_capture;
+    desktop.dirty.push_back(whole());
+    lock_enter(&host_lock);
+    frame_reset();
+    lock_leave(&host_lock);
+    return CAPTURE_RESTARTED;
+}
+
+static capture_result resize_capture()
+{
+    CHECK(screen_resize(desktop.width, desktop.height));
+    return restart_capture();
+}
+
+// The screen takes another size, with other contents.
+static void resize_desktop(int32_t width, int32_t height)
+{
+    desktop_open(width, height);
+    capture_script_step = resize_capture;
+}
+
+TEST_CASE("an iteration in which the capture was re-created ends there")
+{
+    start(64, 64);
+    fill(whole(), RED);
+    step();
+    fill(whole(), GREEN);
+    cursor_script_now.x++;
+    capture_script_step = restart_capture;
+    CHECK(step().empty());
+    CHECK(count_type(step(), MSG_CURSOR) == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a capture re-created before the first frame leaves every tile known and blank")
+{
+    start(128, 64);
+    fill(tile_rect(0, 0), RED);
+    capture_script_step = restart_capture;
+    CHECK(step().empty());
+    CHECK(base_of(0, 0).base_state == BASE_KNOWN);
+    CHECK(base_of(0, 0).base_blank == 1);
+    CHECK(base_of(0, 0).must_send == 0);
+    CHECK(only_tile(step()).raw == 0); // the black tile is not sent
+    CHECK(picture_right());
+    CHECK(screen.first_frame_flushed);
+}
+
+TEST_CASE("a capture re-created later sends every tile again, against what the viewer shows")
+{
+    start(128, 64, 0);
+    test_random random = test_random_seeded("restart");
+    fill_noise(tile_rect(0, 0), &random);
+    step();
+    capture_script_step = restart_capture;
+    CHECK(step().empty());
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 3); // noise and black alike, both as empty differences
+    for (int i = 0; i < 2; i++) {
+        CHECK(frame[(size_t)i].payload[4] == 0);
+        CHECK(frame[(size_t)i].payload.size() < 200);
+    }
+    CHECK(picture_right());
+    CHECK(step().empty());
+}
+
+TEST_CASE("a lost black tile is sent after the capture was re-created")
+{
+    start(128, 64);
+    teach(RED);
+    uint64_t black = teach(0);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(black);
+    fill(tile_rect(1, 0), 0);
+    step();
+    CHECK_FALSE(tile_shown(1, 0));
+    capture_script_step = restart_capture;
+    step();
+    step();
+    CHECK(picture_right());
+}
+
+TEST_CASE("a smaller screen is shown whole and what lies outside is blanked once")
+{
+    start(256, 192, CAP_TILE_CACHE); // 4 by 3 tiles
+    test_random random = test_random_seeded("smaller");
+    fill_noise(whole(), &random);
+    step();
+    REQUIRE(picture_right());
+
+    for (int change = 0; change < 2; change++) {
+        resize_desktop(130, 100); // 3 by 2 tiles, of which the first stays black
+        fill_noise({64, 0, 130, 100}, &random);
+        CHECK(step().empty());
+        std::vector<model_message> frame = step();
+        REQUIRE(frame.size() == 13);
+        int outside = 0;
+        for (const model_message &m : frame) {
+            if (m.type != MSG_TILE)
+                continue;
+            tile_head head = get_tile_head(m.payload.data());
+            CHECK(head.raw == 1); // no base is known
+            if (head.tile_x < 3 && head.tile_y < 2) {
+                CHECK(head.hash != 0);
+                continue;
+            }
+            outside++;
+            CHECK(head.hash == 0);
+        }
+        CHECK(outside == 6);
+        CHECK(picture_right());
+        for (int i = 0; i < 3; i++)
+            CHECK(step().empty());
+        fill_noise(tile_rect(0, 0), &random);
+        CHECK(tiles_in(step()).size() == 1);
+        CHECK(picture_right());
+    }
+}
+
+TEST_CASE("tiles outside a smaller screen count towards the budget")
+{
+    start(256, 192);
+    fill(whole(), RED);
+    step();
+    resize_desktop(100, 100); // 2 by 2 of 4 by 3 tiles remain
+    fill(whole(), GREEN);
+    CHECK(step().empty());
+    session.tile_budget = 8;
+    CHECK(tiles_in(step()).size() == 8);
+    CHECK_FALSE(picture_right());
+    session.tile_budget = 8;
+    CHECK(tiles_in(step()).size() == 4);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a larger screen is shown as far as the viewer's grid goes")
+{
+    start(128, 100);
+    fill(whole(), RED);
+    step();
+    resize_desktop(300, 300);
+    fill(whole(), GREEN);
+    CHECK(step().empty());
+    CHECK(tiles_in(step()).size() == 4);
+    CHECK(picture_right());
+    fill({128, 0, 300, 300}, BLUE); // beside the grid: no viewer would draw it
+    CHECK(step().empty());
+    fill({0, 0, 300, 300}, RED);
+    CHECK(tiles_in(step()).size() == 4);
+    CHECK(picture_right());
+}
+
+// ---------------------------------------------------------------------------------------
+// Moves
+
+TEST_CASE("moves alone bring the viewer's picture up to date, whichever way they overlap")
+{
+    static const std::vector<copy_rect> rows[] = {
+        {{0, 0, 0, 5, 320, 195}},                              // down, overlapping
+        {{0, 5, 0, 0, 320, 195}},                              // up
+        {{0, 0, 7, 0, 313, 200}},                              // right, in the same rows
+        {{7, 0, 0, 0, 313, 200}},                              // left
+        {{3, 9, 40, 30, 200, 100}},                            // down and right
+        {{40, 30, 3, 9, 200, 100}},                            // up and left
+        {{0, 0, 100, 100, 50, 50}},                            // apart
+        {{10, 10, 90, 10, 60, 60}, {90, 10, 200, 90, 60, 60}}, // a chain
+        {{0, 20, 0, 0, 320, 180}, {0, 20, 0, 0, 320, 180}},    // the same scroll twice
+        {{5, 5, 5, 5, 10, 10}},                                // nowhere
+        {{319, 199, 0, 0, 1, 1}},
+    };
+    test_random random = test_random_seeded("moves");
+    for (const std::vector<copy_rect> &moves : rows) {
+        CAPTURE(moves[0].src_x);
+        CAPTURE(moves[0].src_y);
+        CAPTURE(moves[0].dst_x);
+        CAPTURE(moves[0].dst_y);
+        start(320, 200, 0);
+        fill_noise(whole(), &random);
+        step();
+        for (const copy_rect &m : moves)
+            move_block(m);
+        std::vector<model_message> frame = step();
+        REQUIRE(frame.size() == 2); // no tile: prev_frame moved exactly as the screen did
+        CHECK(frame[0].type == MSG_COPY_RECTS);
+        REQUIRE(frame[0].payload.size() == moves.size() * 24);
+        for (size_t i = 0; i < moves.size(); i++) {
+            copy_rect sent = get_copy_rect(&frame[0].payload[i * 24]);
+            CHECK(memcmp(&sent, &moves[i], sizeof sent) == 0);
+        }
+        CHECK(picture_right());
+        CHECK(step().empty());
+    }
+}
+
+TEST_CASE("moves stand ahead of the frame's tiles, of which only the new ones are sent")
+{
+    start(256, 256, 0);
+    test_random random = test_random_seeded("scroll");
+    fill_noise(whole(), &random);
+    step();
+    move_block({0, 64, 0, 0, 256, 192});
+    fill_noise({0, 192, 256, 256}, &random);
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 6);
+    CHECK(frame[0].type == MSG_COPY_RECTS);
+    for (const tile_ref &t : tiles_in(frame))
+        CHECK(t.tile_y == 3);
+    CHECK(picture_right());
+}
+
+TEST_CASE("256 moves go in one message")
+{
+    start(320, 200, 0);
+    test_random random = test_random_seeded("256 moves");
+    fill_noise(whole(), &random);
+    step();
+    for (int i = 0; i < 256; i++) {
+        int32_t w = 1 + (int32_t)random.below(100), h = 1 + (int32_t)random.below(100);
+        move_block({(int32_t)random.below((uint64_t)(321 - w)),
+                    (int32_t)random.below((uint64_t)(201 - h)),
+                    (int32_t)random.below((uint64_t)(321 - w)),
+                    (int32_t)random.below((uint64_t)(201 - h)), w, h});
+    }
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 2);
+    CHECK(frame[0].payload.size() == 256 * 24);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a move from an uncertain tile is left out, and what follows stays right")
+{
+    start(320, 64);
+    test_random random = test_random_seeded("uncertain moves");
+    fill_noise({192, 0, 320, 64}, &random);
+    step();
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+    REQUIRE(viewer.misses.size() == 1);
+    tile_ref miss = viewer.misses[0];
+    session.acked_seq = frame_seq.load(); // not confirmed: the viewer's tile is uncertain
+
+    move_block({120, 0, 200, 10, 20, 20}); // its first 8 columns lie in the uncertain tile
+    move_block({192, 0, 260, 30, 30, 30}); // begins where the one left out would have ended
+    std::vector<model_message> frame = step_unanswered();
+    REQUIRE(count_type(frame, MSG_COPY_RECTS) == 1);
+    CHECK(frame[0].payload.size() == 24);
+    CHECK(get_copy_rect(frame[0].payload.data()).src_x == 192);
+    CHECK(screen.move_count == 0);
+
+    report_miss(miss);
+    acknowledge(frame_seq);
+    while (!step().empty()) {
+    }
+    CHECK(picture_right());
+}
+
+TEST_CASE("a frame whose moves are all left out has no message for them")
+{
+    start(192, 64);
+    teach(RED);
+    fill(tile_rect(1, 0), RED);
+    step_unanswered();
+    session.acked_seq = frame_seq.load();
+    move_block({64, 0, 128, 0, 64, 64});
+    std::vector<model_message> frame = step_unanswered();
+    CHECK(count_type(frame, MSG_COPY_RECTS) == 0);
+    CHECK(tiles_in(frame).size() == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a tile that a move has drawn on is no longer blank")
+{
+    start(192, 64);
+    test_random random = test_random_seeded("blank");
+    fill_noise(tile_rect(2, 0), &random);
+    step();
+    viewer_forgets(teach(RED));
+    CHECK(base_of(1, 0).base_blank == 1);
+    move_block({130, 5, 70, 20, 30, 30}); // onto the black tile between
+    CHECK(count_type(step(), MSG_COPY_RECTS) == 1);
+    CHECK(base_of(1, 0).base_blank == 0);
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(base_of(1, 0).base_state == BASE_LOST);
+    CHECK(only_tile(step()).raw == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("no moves are sent while the screen differs in size from the viewer's picture")
+{
+    start(320, 200, 0);
+    test_random random = test_random_seeded("moves and sizes");
+    fill_noise(whole(), &random);
+    step();
+    for (int32_t width : {300, 319, 340, 320}) {
+        CAPTURE(width);
+        resize_desktop(width, 200);
+        fill_noise(whole(), &random);
+        CHECK(step().empty());
+        step();
+        CHECK(picture_right());
+        move_block({0, 40, 0, 0, 300, 160});
+        std::vector<model_message> frame = step();
+        CHECK(count_type(frame, MSG_COPY_RECTS) == (width == 320));
+        CHECK(screen.move_count == 0);
+        CHECK(picture_right());
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// The text layer
+
+TEST_CASE("tiles under the text layer stay dirty, uncounted, until it ends")
+{
+    start(384, 64);
+    test_random random = test_random_seeded("text layer");
+    text_layer = {true, 60, 0, 250, 64}; // covers the tiles 1 and 2, and a part of 0 and 3
+    fill_noise(whole(), &random);
+    session.tile_budget = 3;
+    std::vector<tile_ref> sent = tiles_in(step());
+    REQUIRE(sent.size() == 3);
+    CHECK(sent[0].tile_x == 0);
+    CHECK(sent[1].tile_x == 3);
+    CHECK(sent[2].tile_x == 4);
+
+    session.tile_budget = 3;
+    CHECK(tiles_in(step()).size() == 1); // the last one; covered tiles are not "left"
+    fill_noise(tile_rect(0, 0), &random);
+    fill_noise(tile_rect(4, 0), &random);
+    sent = tiles_in(step());
+    REQUIRE(sent.size() == 2);
+    CHECK(sent[0].tile_x == 0); // so the next walk began at the first tile
+    CHECK(step().empty());
+
+    text_layer_reset();
+    CHECK(tiles_in(step()).size() == 2);
+    CHECK(picture_right());
+}
+
+// ---------------------------------------------------------------------------------------
+// Sessions
+
+TEST_CASE("a session starts with nothing of the one before")
+{
+    start(128, 64);
+    uint64_t red = teach(RED);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    text_layer = {true, 0, 0, 128, 64};
+    out_append("left over", 9);
+    uint32_t seq = frame_seq;
+    start_session();
+    CHECK_FALSE(text_layer.text_active);
+    CHECK(out_used() == 0);
+    CHECK_FALSE(mirror_holds(red));
+    CHECK(base_of(0, 0).base_blank == 1);
+    CHECK(tiles_in(step()).size() == 2);
+    CHECK(frame_seq == seq + 1); // but frames are numbered on
+    CHECK(picture_right());
+}
+
+TEST_CASE("the wait for an acknowledgement counts from the session's start")
+{
+    start(64, 64);
+    clock_script_now += 10000;
+    start_session();
+    session.acked_seq = frame_seq - 1;
+    fill(whole(), RED);
+    CHECK(step_unanswered().empty());
+    clock_script_now += 251;
+    CHECK(!step_unanswered().empty());
+}
+
+TEST_CASE("a session ends with its statistics when the server stops or the viewer is gone")
+{
+    for (bool stop : {true, false}) {
+        start(192, 64);
+        fill(whole(), RED); // one tile and two references
+        int steps = 0;
+        capture_script_step = [&] {
+            if (++steps == 3) {
+                host_stop_requested = stop;
+                session.session_ended = !stop;
+            }
+            session.acked_seq = frame_seq.load();
+            return desktop_capture();
+        };
+        server_log_clear();
+        frame_pipeline_run(&session);
+        CHECK(steps == 3);
+        std::vector<std::string> lines = server_log_lines();
+        REQUIRE(lines.size() >= 2);
+        CHECK(lines[lines.size() - 2] == "session stats: 3 tiles sent, 2 as cache refs (67%)");
+        CHECK(lines[lines.size() - 1] == "client disconnected");
+    }
+}
+
+TEST_CASE("a failed flush ends the session at once")
+{
+    start(64, 64);
+    fill(whole(), RED);
+    int steps = 0;
+    capture_script_step = [&] {
+        steps++;
+        return desktop_capture();
+    };
+    flush_fails = true;
+    server_log_clear();
+    frame_pipeline_run(&session);
+    CHECK(steps == 1);
+    CHECK_FALSE(screen.first_frame_flushed);
+    CHECK(server_log_lines().back() == "client disconnected");
+}
+
+TEST_CASE("the statistics of a session without tiles are 0 percent")
+{
+    start(64, 64);
+    host_stop_requested = 1;
+    server_log_clear();
+    frame_pipeline_run(&session);
+    CHECK(server_log_lines() ==
+          std::vector<std::string>{"session stats: 0 tiles sent, 0 as cache refs (0%)",
+                                   "client disconnected"});
+}
+
+TEST_CASE("an append that finds no memory fails the frame, even one with nothing else in it")
+{
+    start(64, 64);
+    capture_script_step = [] {
+        CHECK(out_reserve(SIZE_MAX - 1) == nullptr);
+        return CAPTURE_NOTHING;
+    };
+    CHECK_FALSE(frame_pipeline_step(&session));
+    CHECK(flush_records.empty());
+}
+
+static void take_and_leave_host_lock(void *taken)
+{
+    lock_enter(&host_lock);
+    *(std::atomic<int> *)taken = 1;
+    lock_leave(&host_lock);
+}
+
+TEST_CASE("the lock is free while a frame is sent")
+{
+    static std::atomic<int> taken;
+    start(64, 64);
+    fill(whole(), RED);
+    flush_hook = [] {
+        thread *other = thread_start(take_and_leave_host_lock, &taken);
+        REQUIRE(other != nullptr);
+        CHECK(thread_join(other, 5000));
+    };
+    step();
+    flush_hook = nullptr;
+    CHECK(taken == 1);
+}
+
+// ---------------------------------------------------------------------------------------
+// Everything at once
+
+// A viewer with a tiny cache whose answers come late and in order, a screen that draws,
+// scrolls, is re-created and changes its size. In the end everybody is left in peace, and
+// the viewer must show the screen.
+static void run_random_session(test_random *random)
+{
+    static const uint32_t colours[] = {RED, GREEN, BLUE, 0x01010101, 0xFF000000};
+    start(64 * 3 + (int32_t)random->below(130), 64 * 2 + (int32_t)random->below(130));
+    viewer.cache_limit = 1 + random->below(6);
+    std::deque<std::vector<uint8_t>> answers; // type byte, then payload
+    auto answer_one = [&] {
+        std::vector<uint8_t> a = answers.front();
+        answers.pop_front();
+        control_message(&session, a[0], a.data() + 1, (uint32_t)a.size() - 1);
+    };
+    auto iterate = [&] {
+        if (step_unanswered().empty())
+            return false;
+        for (const tile_ref &ref : viewer.misses) {
+            std::vector<uint8_t> a(1 + CACHE_MISS_BYTES, MSG_CACHE_MISS);
+            put_tile_ref(&a[1], ref);
+            answers.push_back(a);
+        }
+        std::vector<uint8_t> a(1 + FRAME_ACK_BYTES, MSG_FRAME_ACK);
+        put_frame_stamp(&a[1], viewer.last_end);
+        answers.push_back(a);
+        return true;
+    };
+    auto random_rect = [&] {
+        int32_t x = (int32_t)random->below((uint64_t)desktop.width);
+        int32_t y = (int32_t)random->below((uint64_t)desktop.height);
+        int32_t w = 1 + (int32_t)random->below((uint64_t)(desktop.width - x));
+        int32_t h = 1 + (int32_t)random->below((uint64_t)(desktop.height - y));
+        return rect{x, y, x + w, y + h};
+    };
+
+    // No tile of this screen is ever all black: a missed black tile may stay wrong.
+    fill(whole(), BLUE);
+    for (int round = 0; round < 120; round++) {
+        for (uint64_t n = random->below(4); n > 0; n--) {
+            switch (random->below(6)) {
+            case 0:
+                fill_noise(random_rect(), random);
+                break;
+            case 1:
+                fill(random_rect(), colours[random->below(5)]);
+                break;
+            case 2:
+            case 3: {
+                int32_t tx = (int32_t)random->below((uint64_t)(desktop.width / 64));
+                int32_t ty = (int32_t)random->below((uint64_t)(desktop.height / 64));
+                fill(tile_rect(tx, ty), colours[random->below(5)]);
+                break;
+            }
+            default: {
+                rect r = random_rect();
+                int32_t w = r.right - r.left, h = r.bottom - r.top;
+                if (capture_script_step && desktop.moves.size() < 10)
+                    move_block({r.left, r.top,
+                                (int32_t)random->below((uint64_t)(desktop.width - w + 1)),
+                                (int32_t)random->below((uint64_t)(desktop.height - h + 1)), w,
+                                h});
+                break;
+            }
+            }
+        }
+        if (random->below(40) == 0) {
+            desktop.moves.clear();
+            capture_script_step = restart_capture;
+        }
+        if (random->below(60) == 0) {
+            bool back = random->below(2) == 0;
+            int32_t width = back ? viewer.width : 64 + (int32_t)random->below(400);
+            int32_t height = back ? viewer.height : 64 + (int32_t)random->below(300);
+            resize_desktop(width, height);
+            fill(whole(), RED);
+        }
+        session.tile_budget = 8 + (int32_t)random->below(20);
+        clock_script_now += (uint32_t)random->below(200);
+        iterate();
+        for (uint64_t n = random->below(5); n > 0 && !answers.empty(); n--)
+            answer_one();
+    }
+    for (int quiet = 0; quiet < 3;) {
+        while (!answers.empty())
+            answer_one();
+        clock_script_now += 300;
+        quiet = iterate() ? 0 : quiet + 1;
+    }
+    CHECK(picture_right());
+}
+
+TEST_CASE("whatever happens, at rest the viewer shows the screen")
+{
+    test_random random = test_random_seeded("random sessions");
+    for (int i = 0; i < 60; i++)
+        run_random_session(&random);
+}
