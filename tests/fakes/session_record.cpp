@@ -5,6 +5,7 @@
 #include "viewer/viewer_session.h"
 
 session_record session_recorded;
+std::atomic<int> session_aborts;
 
 namespace viewer
 {
@@ -32,7 +33,7 @@ int viewer_session_run(const char *host, const char *port, bool via_relay, const
 
 void viewer_session_abort()
 {
-    session_recorded.aborts++;
+    session_aborts++;
 }
 
 } // namespace viewer

@@ -2,11 +2,11 @@
 #ifndef QV_TESTS_FAKES_SESSION_RECORD_H
 #define QV_TESTS_FAKES_SESSION_RECORD_H
 
+#include <atomic>
 #include <stdint.h>
 
 struct session_record {
     int runs;   // calls of viewer_session_run
-    int aborts; // calls of viewer_session_abort
     int result; // what viewer_session_run returns
 
     // The last run's arguments.
@@ -17,5 +17,6 @@ struct session_record {
 };
 
 extern session_record session_recorded;
+extern std::atomic<int> session_aborts; // calls of viewer_session_abort
 
 #endif
