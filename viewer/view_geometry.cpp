@@ -122,30 +122,6 @@ bool view_bitmap_fits(int32_t width, int32_t height)
            row_bits / 8 * height <= INT32_MAX;
 }
 
-// One axis of view_visible.
-static void visible_axis(double scale, int32_t offset, int32_t size, int32_t low, int32_t high,
-                         int32_t *first, int32_t *end)
-{
-    int64_t picture_end = offset + trunc_64((double)size * scale + 0.999);
-    int64_t from = at_least(low, offset);
-    int64_t to = at_most(high, picture_end);
-    *first = (int32_t)from;
-    *end = (int32_t)at_least(to, from);
-}
-
-frame_rect view_visible(const view_geometry &view, const frame_rect &redraw,
-                        int32_t frame_width, int32_t frame_height)
-{
-    if (!(view.view_scale > 0))
-        return {};
-    frame_rect r;
-    visible_axis(view.view_scale, view.view_x, frame_width, redraw.left, redraw.right, &r.left,
-                 &r.right);
-    visible_axis(view.view_scale, view.view_y, frame_height, redraw.top, redraw.bottom, &r.top,
-                 &r.bottom);
-    return r;
-}
-
 // A client position of a frame coordinate, moved by a margin.
 static int32_t client_position(double scale, int32_t offset, int32_t coordinate, int32_t margin)
 {

@@ -26,8 +26,8 @@ view_geometry view_fit(int32_t client_width, int32_t client_height, int32_t fram
 void view_first_size(int32_t screen_width, int32_t screen_height, int32_t frame_width,
                      int32_t frame_height, int32_t *width, int32_t *height);
 
-// One stretch of frame pixels onto client pixels that covers the client rectangle `redraw`
-// with its margin. All zero when the rectangle lies beside the picture.
+// One stretch of frame pixels onto client pixels that covers what the client rectangle
+// `redraw` shows of the picture, with a margin. All zero when it shows none.
 struct view_stretch {
     int32_t src_x, src_y, src_w, src_h;
     int32_t dst_x, dst_y, dst_w, dst_h;
@@ -39,11 +39,6 @@ view_stretch view_paint_rect(const view_geometry &view, const frame_rect &redraw
 // Whether a bitmap of this many pixels fits the 31-bit sizes by which GDI counts its bytes.
 // What does not fit stays unpainted.
 bool view_bitmap_fits(int32_t width, int32_t height);
-
-// The part of the client rectangle `redraw` that shows picture; right = left or
-// bottom = top when there is none.
-frame_rect view_visible(const view_geometry &view, const frame_rect &redraw,
-                        int32_t frame_width, int32_t frame_height);
 
 // The client rectangle to repaint for a dirty rectangle of the frame.
 frame_rect view_invalid_rect(const view_geometry &view, const frame_rect &dirty);

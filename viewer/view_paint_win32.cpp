@@ -61,10 +61,9 @@ static bool back_buffer_fit(HDC window_dc, int32_t width, int32_t height, bool *
     return true;
 }
 
-static void draw_picture(HDC dc, const view_geometry &view, const frame_rect &redraw)
+static void draw_picture(HDC dc, const view_geometry &view, const view_stretch &s)
     REQUIRES(frame_lock)
 {
-    view_stretch s = view_paint_rect(view, redraw, frame.frame_width, frame.frame_height);
     if (s.src_h == 0 || !view_bitmap_fits(frame.frame_stride, s.src_h))
         return;
 
@@ -132,12 +131,15 @@ static void draw_text_row(HDC dc, const text_grid &grid, int32_t row, int32_t co
     }
 }
 
-static void draw_text(HDC dc, const view_geometry &view, const frame_rect &redraw)
+// Draws the layer over what was just stretched, margin included, so that the back buffer is
+// right everywhere. Nothing outside the picture: the part of a console that is off the
+// host's screen would stay in the black bars, which no later repaint covers.
+static void draw_text(HDC dc, const view_geometry &view, const view_stretch &s)
     REQUIRES(frame_lock)
 {
     if (!frame.text_active || frame.text_cols <= 0 || frame.text_rows <= 0)
         return;
-    frame_rect visible = view_visible(view, redraw, frame.frame_width, frame.frame_height);
+    frame_rect visible = {s.dst_x, s.dst_y, s.dst_x + s.dst_w, s.dst_y + s.dst_h};
     text_grid grid = view_text_grid(view, frame.text_x, frame.text_y, frame.text_w,
                                     frame.text_h, frame.text_cols, frame.text_rows);
     text_span rows =
@@ -179,8 +181,9 @@ void *view_paint(void *window_dc, int32_t client_width, int32_t client_height,
         FillRect(dc, &all, (HBRUSH)GetStockObject(BLACK_BRUSH));
     }
     lock_enter(&frame_lock);
-    draw_picture(dc, now, *redraw);
-    draw_text(dc, now, *redraw);
+    view_stretch stretch = view_paint_rect(now, *redraw, frame.frame_width, frame.frame_height);
+    draw_picture(dc, now, stretch);
+    draw_text(dc, now, stretch);
     lock_leave(&frame_lock);
     return dc;
 }

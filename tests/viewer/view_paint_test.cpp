@@ -358,6 +358,23 @@ TEST_CASE("the text layer covers the picture with coloured cells and characters"
     frame_close();
 }
 
+TEST_CASE("a part that is redrawn keeps the text around it")
+{
+    canvas c;
+    open_picture(100, 70, 1);
+    uint8_t *cells = open_text(0, 0, 100, 70, 10, 7);
+    for (int i = 0; i < 70; i++)
+        set_cell(cells, i, 'x', 0x1F);
+    view_geometry view;
+    HDC dc = paint(c, 100, 70, &view);
+    std::vector<uint32_t> whole = read_pixels(dc, 100, 70);
+    static const frame_rect parts[] = {{13, 17, 14, 18}, {40, 30, 71, 49}, {95, 60, 100, 70}};
+    for (frame_rect part : parts)
+        REQUIRE(view_paint(c.dc, 100, 70, &view, &part));
+    CHECK(read_pixels(dc, 100, 70) == whole);
+    frame_close();
+}
+
 TEST_CASE("characters stand in their cells, also in a long run")
 {
     canvas c;
