@@ -13,7 +13,8 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 constexpr uint32_t CACHE_MIRROR_SLOTS = 0x80000;
 constexpr uint32_t CACHE_MIRROR_FULL = 0x60000; // inserts do nothing above this count

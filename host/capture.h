@@ -6,7 +6,8 @@
 #ifndef QV_HOST_CAPTURE_H
 #define QV_HOST_CAPTURE_H
 
-namespace host {
+namespace host
+{
 
 enum capture_result {
     CAPTURE_FRAME,     // frame_buffer holds the newest picture

@@ -4,7 +4,8 @@
 
 #include "host/host_session.h"
 
-namespace host {
+namespace host
+{
 
 // The thread's routine; argument is the host_session, of which it is one owner. Ends when a
 // receive fails or a message is too large; it then shuts the connection down, releases the

@@ -4,7 +4,8 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 struct cursor_state {
     int32_t x, y; // screen pixels

@@ -6,7 +6,8 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 constexpr int32_t TILE_BUDGET_MIN = 8;
 constexpr int32_t TILE_BUDGET_MAX = 4096;

@@ -7,7 +7,8 @@
 #include <atomic>
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 // Number of the last frame ended; never reset, so numbering goes on across sessions.
 // Written by the server thread; the control thread compares acknowledgements with it.

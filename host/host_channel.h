@@ -7,7 +7,8 @@
 
 #include "protocol/secure_channel.h"
 
-namespace host {
+namespace host
+{
 
 extern secure_channel host_channel;
 

@@ -9,7 +9,8 @@
 
 #include "protocol/lock.h"
 
-namespace host {
+namespace host
+{
 
 extern lock host_lock;
 

@@ -2,7 +2,8 @@
 #ifndef QV_HOST_HOST_PLATFORM_H
 #define QV_HOST_HOST_PLATFORM_H
 
-namespace host {
+namespace host
+{
 
 // Makes the process aware of physical pixels.
 void host_platform_dpi_aware();

@@ -7,7 +7,8 @@
 #include <atomic>
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 // Set by host_stop and never cleared. A flag of its own, read without a lock.
 extern std::atomic<uint32_t> host_stop_requested;

@@ -17,7 +17,8 @@
 #include <atomic>
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 // TCP keep-alive of a session's connection, seconds.
 constexpr uint32_t SESSION_KEEPALIVE_IDLE_S = 60;

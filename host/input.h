@@ -4,7 +4,8 @@
 
 #include "host/input_map.h"
 
-namespace host {
+namespace host
+{
 
 // Injects the events in one call. Failures (a window of higher integrity in front, say) are
 // ignored. May block for as long as the system's input hooks do.

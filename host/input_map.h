@@ -6,7 +6,8 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 // One event for the system's input queue, in the terms of its documented interface.
 struct input_event {

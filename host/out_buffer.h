@@ -13,7 +13,8 @@
 #include <stddef.h>
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 // Appends bytes. When memory is short nothing is appended and the next flush fails.
 void out_append(const void *bytes, size_t length);

@@ -4,7 +4,8 @@
 
 #include "protocol/net.h"
 
-namespace host {
+namespace host
+{
 
 // Resolves the relay, connects to the first of its addresses that accepts, and sends the
 // host's hello. Returns the connected socket, which the caller owns, or NET_INVALID;

@@ -6,10 +6,11 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 struct text_layer_record {
-    bool text_active; // the layer was sent and is on at the viewer
+    bool text_active;                 // the layer was sent and is on at the viewer
     int32_t left, top, right, bottom; // text_rect: the console's client area, screen pixels
 };
 

@@ -14,7 +14,8 @@
 
 #include <stdint.h>
 
-namespace host {
+namespace host
+{
 
 enum base_state : uint8_t {
     BASE_KNOWN = 0,   // the viewer shows what prev_frame holds

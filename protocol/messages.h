@@ -30,13 +30,13 @@ enum message_type : uint8_t {
     MSG_TILE_REF = 0x08,     // one changed tile, by the hash of what the viewer caches
 
     // viewer to host
-    MSG_CLIENT_HELLO = 0x80,  // once, first message of a session
-    MSG_FRAME_ACK = 0x81,     // answers MSG_FRAME_END
-    MSG_MOUSE = 0x82,         // every mouse event
-    MSG_KEY = 0x83,           // every key press and release
-    MSG_CHAR = 0x84,          // a typed character; this viewer never sends it
-    MSG_CACHE_ADVERT = 0x85,  // hashes of tiles that the viewer already holds
-    MSG_CACHE_MISS = 0x86,    // a MSG_TILE_REF named a hash that the viewer does not hold
+    MSG_CLIENT_HELLO = 0x80, // once, first message of a session
+    MSG_FRAME_ACK = 0x81,    // answers MSG_FRAME_END
+    MSG_MOUSE = 0x82,        // every mouse event
+    MSG_KEY = 0x83,          // every key press and release
+    MSG_CHAR = 0x84,         // a typed character; this viewer never sends it
+    MSG_CACHE_ADVERT = 0x85, // hashes of tiles that the viewer already holds
+    MSG_CACHE_MISS = 0x86,   // a MSG_TILE_REF named a hash that the viewer does not hold
 };
 
 constexpr uint32_t MESSAGE_HEADER_BYTES = 8;
@@ -241,9 +241,8 @@ inline void put_text_layer_head(uint8_t *p, const text_layer_head &t)
 
 inline text_layer_head get_text_layer_head(const uint8_t *p)
 {
-    return {(int32_t)load_le32(p),      (int32_t)load_le32(p + 4),
-            (int32_t)load_le32(p + 8),  (int32_t)load_le32(p + 12),
-            load_le16(p + 16),          load_le16(p + 18),
+    return {(int32_t)load_le32(p),      (int32_t)load_le32(p + 4), (int32_t)load_le32(p + 8),
+            (int32_t)load_le32(p + 12), load_le16(p + 16),         load_le16(p + 18),
             load_le16(p + 20),          (int32_t)load_le32(p + 22)};
 }
 

@@ -4,10 +4,10 @@
 
 #include <stdint.h>
 
-constexpr int32_t TILE_SIZE = 64;                        // pixels, both ways
-constexpr int32_t PIXEL_BYTES = 4;                       // blue, green, red, unused
-constexpr int32_t TILE_ROW_BYTES = TILE_SIZE * PIXEL_BYTES;   // 256
-constexpr int32_t TILE_BYTES = TILE_ROW_BYTES * TILE_SIZE;    // 16384
+constexpr int32_t TILE_SIZE = 64;                           // pixels, both ways
+constexpr int32_t PIXEL_BYTES = 4;                          // blue, green, red, unused
+constexpr int32_t TILE_ROW_BYTES = TILE_SIZE * PIXEL_BYTES; // 256
+constexpr int32_t TILE_BYTES = TILE_ROW_BYTES * TILE_SIZE;  // 16384
 
 // Pixels rounded up to whole tiles. n is at most 0x7FFFFFC0.
 constexpr int32_t pad_to_tile(int32_t n)

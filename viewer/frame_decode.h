@@ -12,7 +12,8 @@
 #include <atomic>
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
 extern lock frame_lock;
 
@@ -23,9 +24,9 @@ struct frame_rect {
 
 struct frame_record {
     // Set by frame_open, constant until frame_close.
-    int32_t frame_width, frame_height;  // the host's screen, 1 .. 0x7FFFFFC0
-    int32_t frame_stride, frame_rows;   // both rounded up to whole tiles
-    uint8_t *frame_pixels;              // frame_stride * frame_rows pixels, top row first
+    int32_t frame_width, frame_height; // the host's screen, 1 .. 0x7FFFFFC0
+    int32_t frame_stride, frame_rows;  // both rounded up to whole tiles
+    uint8_t *frame_pixels;             // frame_stride * frame_rows pixels, top row first
 
     bool dirty_valid;
     frame_rect dirty_rect;

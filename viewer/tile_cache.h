@@ -11,7 +11,8 @@
 
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
 constexpr uint32_t CACHE_CAPACITY = 8192; // slots; even
 

@@ -12,7 +12,8 @@
 
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
 extern secure_channel viewer_channel;
 

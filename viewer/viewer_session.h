@@ -7,7 +7,8 @@
 
 #include <stdint.h>
 
-namespace viewer {
+namespace viewer
+{
 
 // Called with the host's name and the ID after a good hello; null when nobody asked.
 extern void (*on_connected)(const char *host_name, const char *host_id);

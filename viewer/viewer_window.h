@@ -5,7 +5,8 @@
 #ifndef QV_VIEWER_VIEWER_WINDOW_H
 #define QV_VIEWER_VIEWER_WINDOW_H
 
-namespace viewer {
+namespace viewer
+{
 
 // Creates and shows the window of class "qvviewer" for the open frame and starts its timers.
 // False when it cannot be created. The title is the host's name until the first statistics.
