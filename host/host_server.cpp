@@ -76,6 +76,7 @@ static void withdraw_sock()
 static void drop_connection(net_socket sock)
 {
     withdraw_sock();
+    net_abort(sock);
     net_close(sock);
 }
 

@@ -5,7 +5,8 @@
 // the record, so a control thread that is stuck in a system call when its session ends
 // (input hooks can take seconds) comes back to memory and a handle that are still its own.
 // It must then touch nothing of a later session: it checks the generation where it holds
-// host_lock, and before it injects input.
+// host_lock, and before it injects input. The one thing that it still sends is the release
+// for a press in which it was stuck, which nobody else could send in time.
 #ifndef QV_HOST_HOST_SESSION_H
 #define QV_HOST_HOST_SESSION_H
 
@@ -41,7 +42,8 @@ struct host_session {
     std::atomic<uint32_t> session_ended; // the viewer's side of the connection failed
 
     // What this session pressed and did not release yet: a bit a virtual key, a bit a
-    // button. Taken by exchange, so that each release is sent once.
+    // button. Set once a press was injected; taken by exchange, so that each release is
+    // sent once.
     std::atomic<uint64_t> keys_down[4];
     std::atomic<uint32_t> buttons_down;
 };
