@@ -1,0 +1,26 @@
+#include "tests/fakes/clock_offset.h"
+
+#include "protocol/clock.h"
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+static std::atomic<uint32_t> offset;
+
+void clock_put_forward(uint32_t ms)
+{
+    offset += ms;
+}
+
+uint32_t clock_ms()
+{
+    auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return (uint32_t)std::chrono::duration_cast<std::chrono::milliseconds>(now).count() +
+           offset;
+}
+
+void clock_sleep_ms(uint32_t ms)
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+}
