@@ -17,6 +17,7 @@
 #include "tests/fakes/cursor_script.h"
 #include "tests/fakes/flush_record.h"
 #include "tests/fakes/server_log_record.h"
+#include "tests/host/test_desktop.h"
 #include "tests/host/viewer_model.h"
 #include "tests/test.h"
 
@@ -31,96 +32,10 @@ using namespace host;
 std::atomic<uint32_t> host::host_stop_requested;
 
 // ---------------------------------------------------------------------------------------
-// The desktop that is captured, the session, the viewer
-
-struct rect {
-    int32_t left, top, right, bottom;
-};
-
-// What stands on the host's screen. Drawing puts rectangles down for the next capture step;
-// a GDI back end would report the whole screen instead.
-static struct {
-    int32_t width, height;
-    std::vector<uint8_t> pixels; // rows of width * 4 bytes
-    std::vector<rect> dirty;
-    std::vector<copy_rect> moves;
-    bool whole_screen; // report everything at every step, as GDI does
-} desktop;
+// The session and its viewer
 
 static viewer_model viewer;
 static host_session session;
-
-static uint8_t *desktop_at(int32_t x, int32_t y)
-{
-    return &desktop.pixels[((size_t)y * (size_t)desktop.width + (size_t)x) * 4];
-}
-
-static capture_result desktop_capture()
-{
-    if (desktop.whole_screen)
-        desktop.dirty.push_back({0, 0, desktop.width, desktop.height});
-    if (desktop.dirty.empty())
-        return CAPTURE_NOTHING;
-    for (const copy_rect &m : desktop.moves)
-        screen.move_list[screen.move_count++] = m;
-    for (const rect &r : desktop.dirty)
-        capture_copy_rect(desktop.pixels.data(), desktop.width * 4, r.left, r.top, r.right,
-                          r.bottom);
-    desktop.dirty.clear();
-    desktop.moves.clear();
-    return CAPTURE_FRAME;
-}
-
-static void desktop_open(int32_t width, int32_t height)
-{
-    desktop.width = width;
-    desktop.height = height;
-    desktop.pixels.assign((size_t)width * (size_t)height * 4, 0);
-    desktop.dirty.assign(1, {0, 0, width, height});
-    desktop.moves.clear();
-    desktop.whole_screen = false;
-    capture_script_step = desktop_capture;
-}
-
-static void fill(rect r, uint32_t colour)
-{
-    for (int32_t y = r.top; y < r.bottom; y++)
-        for (int32_t x = r.left; x < r.right; x++)
-            store_le32(desktop_at(x, y), colour);
-    desktop.dirty.push_back(r);
-}
-
-static void fill_noise(rect r, test_random *random)
-{
-    for (int32_t y = r.top; y < r.bottom; y++)
-        for (int32_t x = r.left; x < r.right; x++)
-            store_le32(desktop_at(x, y), (uint32_t)(random->next() >> 20) | 1);
-    desktop.dirty.push_back(r);
-}
-
-static rect tile_rect(int32_t tx, int32_t ty)
-{
-    return {tx * 64, ty * 64, tx * 64 + 64, ty * 64 + 64};
-}
-
-static rect whole()
-{
-    return {0, 0, desktop.width, desktop.height};
-}
-
-// Moves a block of the desktop the way a scroll does, and reports it as duplication does.
-static void move_block(copy_rect m)
-{
-    std::vector<uint8_t> copy;
-    for (int32_t y = 0; y < m.h; y++)
-        copy.insert(copy.end(), desktop_at(m.src_x, m.src_y + y),
-                    desktop_at(m.src_x, m.src_y + y) + m.w * 4);
-    for (int32_t y = 0; y < m.h; y++)
-        memcpy(desktop_at(m.dst_x, m.dst_y + y), &copy[(size_t)y * (size_t)m.w * 4],
-               (size_t)m.w * 4);
-    desktop.moves.push_back(m);
-    desktop.dirty.push_back({m.dst_x, m.dst_y, m.dst_x + m.w, m.dst_y + m.h});
-}
 
 // A session with a fresh viewer of the desktop as it is.
 static void start_session(uint16_t caps = CAP_TILE_CACHE)
@@ -148,6 +63,7 @@ static void start(int32_t width, int32_t height, uint16_t caps = CAP_TILE_CACHE)
     screen.hello_width = 0;
     screen.hello_height = 0;
     desktop_open(width, height);
+    capture_script_step = desktop_capture;
     REQUIRE(screen_resize(width, height));
     start_session(caps);
 }
@@ -196,29 +112,13 @@ static std::vector<model_message> step()
 
 static bool tile_shown(int32_t tx, int32_t ty)
 {
-    std::vector<uint8_t> t = viewer.tile(tx, ty);
-    for (int32_t y = 0; y < 64; y++)
-        for (int32_t x = 0; x < 64; x++) {
-            int32_t sx = tx * 64 + x, sy = ty * 64 + y;
-            uint32_t expected = 0; // the padding
-            if (sx < desktop.width && sy < desktop.height)
-                expected = load_le32(desktop_at(sx, sy));
-            if (load_le32(&t[(size_t)(y * 64 + x) * 4]) != expected)
-                return false;
-        }
-    return true;
+    return desktop_tile_shown(viewer.pixels.data(), viewer.pitch, tx, ty);
 }
 
-// Whether the viewer shows the desktop, in all four bytes, as far as its own grid goes.
 static bool picture_right()
 {
-    for (int32_t ty = 0; ty < tiles_for(viewer.height); ty++)
-        for (int32_t tx = 0; tx < tiles_for(viewer.width); tx++)
-            if (!tile_shown(tx, ty)) {
-                MESSAGE("tile " << tx << ", " << ty << " differs");
-                return false;
-            }
-    return true;
+    return desktop_shown(viewer.pixels.data(), viewer.pitch, tiles_for(viewer.width),
+                         tiles_for(viewer.height));
 }
 
 static int count_type(const std::vector<model_message> &messages, uint8_t type)
@@ -282,8 +182,6 @@ static void mirror_forget(uint64_t hash) NO_THREAD_SAFETY_ANALYSIS
 {
     cache_mirror_remove(hash);
 }
-
-constexpr uint32_t RED = 0xFFCC2010, GREEN = 0x0020C040, BLUE = 0x7F1020D0;
 
 // ---------------------------------------------------------------------------------------
 // What a frame is
@@ -775,29 +673,6 @@ TEST_CASE("a tile forgotten by the mirror goes in full")
 // ---------------------------------------------------------------------------------------
 // The capture is re-created, the screen changes its size
 
-static capture_result restart_capture()
-{
-    capture_script_step = desktop_capture;
-    desktop.dirty.push_back(whole());
-    lock_enter(&host_lock);
-    frame_reset();
-    lock_leave(&host_lock);
-    return CAPTURE_RESTARTED;
-}
-
-static capture_result resize_capture()
-{
-    CHECK(screen_resize(desktop.width, desktop.height));
-    return restart_capture();
-}
-
-// The screen takes another size, with other contents.
-static void resize_desktop(int32_t width, int32_t height)
-{
-    desktop_open(width, height);
-    capture_script_step = resize_capture;
-}
-
 TEST_CASE("an iteration in which the capture was re-created ends there")
 {
     start(64, 64);
@@ -805,7 +680,7 @@ TEST_CASE("an iteration in which the capture was re-created ends there")
     step();
     fill(whole(), GREEN);
     cursor_script_now.x++;
-    capture_script_step = restart_capture;
+    desktop.restarted = true;
     CHECK(step().empty());
     CHECK(count_type(step(), MSG_CURSOR) == 1);
     CHECK(picture_right());
@@ -815,7 +690,7 @@ TEST_CASE("a capture re-created before the first frame leaves every tile known a
 {
     start(128, 64);
     fill(tile_rect(0, 0), RED);
-    capture_script_step = restart_capture;
+    desktop.restarted = true;
     CHECK(step().empty());
     CHECK(base_of(0, 0).base_state == BASE_KNOWN);
     CHECK(base_of(0, 0).base_blank == 1);
@@ -831,7 +706,7 @@ TEST_CASE("a capture re-created later sends every tile again, against what the v
     test_random random = test_random_seeded("restart");
     fill_noise(tile_rect(0, 0), &random);
     step();
-    capture_script_step = restart_capture;
+    desktop.restarted = true;
     CHECK(step().empty());
     std::vector<model_message> frame = step();
     REQUIRE(frame.size() == 3); // noise and black alike, both as empty differences
@@ -854,7 +729,7 @@ TEST_CASE("a lost black tile is sent after the capture was re-created")
     fill(tile_rect(1, 0), 0);
     step();
     CHECK_FALSE(tile_shown(1, 0));
-    capture_script_step = restart_capture;
+    desktop.restarted = true;
     step();
     step();
     CHECK(picture_right());
@@ -1245,7 +1120,6 @@ TEST_CASE("the lock is free while a frame is sent")
 // the viewer must show the screen.
 static void run_random_session(test_random *random)
 {
-    static const uint32_t colours[] = {RED, GREEN, BLUE, 0x01010101, 0xFF000000};
     start(64 * 3 + (int32_t)random->below(130), 64 * 2 + (int32_t)random->below(130));
     viewer.cache_limit = 1 + random->below(6);
     std::deque<std::vector<uint8_t>> answers; // type byte, then payload
@@ -1267,48 +1141,13 @@ static void run_random_session(test_random *random)
         answers.push_back(a);
         return true;
     };
-    auto random_rect = [&] {
-        int32_t x = (int32_t)random->below((uint64_t)desktop.width);
-        int32_t y = (int32_t)random->below((uint64_t)desktop.height);
-        int32_t w = 1 + (int32_t)random->below((uint64_t)(desktop.width - x));
-        int32_t h = 1 + (int32_t)random->below((uint64_t)(desktop.height - y));
-        return rect{x, y, x + w, y + h};
-    };
-
     // No tile of this screen is ever all black: a missed black tile may stay wrong.
     fill(whole(), BLUE);
     for (int round = 0; round < 120; round++) {
-        for (uint64_t n = random->below(4); n > 0; n--) {
-            switch (random->below(6)) {
-            case 0:
-                fill_noise(random_rect(), random);
-                break;
-            case 1:
-                fill(random_rect(), colours[random->below(5)]);
-                break;
-            case 2:
-            case 3: {
-                int32_t tx = (int32_t)random->below((uint64_t)(desktop.width / 64));
-                int32_t ty = (int32_t)random->below((uint64_t)(desktop.height / 64));
-                fill(tile_rect(tx, ty), colours[random->below(5)]);
-                break;
-            }
-            default: {
-                rect r = random_rect();
-                int32_t w = r.right - r.left, h = r.bottom - r.top;
-                if (capture_script_step && desktop.moves.size() < 10)
-                    move_block({r.left, r.top,
-                                (int32_t)random->below((uint64_t)(desktop.width - w + 1)),
-                                (int32_t)random->below((uint64_t)(desktop.height - h + 1)), w,
-                                h});
-                break;
-            }
-            }
-        }
-        if (random->below(40) == 0) {
-            desktop.moves.clear();
-            capture_script_step = restart_capture;
-        }
+        for (uint64_t n = random->below(4); n > 0; n--)
+            desktop_random_change(random);
+        if (random->below(40) == 0)
+            desktop.restarted = true;
         if (random->below(60) == 0) {
             bool back = random->below(2) == 0;
             int32_t width = back ? viewer.width : 64 + (int32_t)random->below(400);

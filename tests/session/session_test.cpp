@@ -1,0 +1,258 @@
+// Host and viewer against each other over a loopback connection: the frame pipeline and the
+// control thread on one side, the receive loop with the tile cache on the other, the
+// handshake and the record layer between. Only the screen, the pointer, the input queue and
+// the window are scripted.
+//
+// Fakes: capture_script cursor_script input_record server_log_record window_none
+// Labels: threaded
+#include "host/control_thread.h"
+#include "host/frame_pipeline.h"
+#include "host/host_channel.h"
+#include "host/host_server.h"
+#include "host/screen.h"
+#include "protocol/clock.h"
+#include "protocol/handshake.h"
+#include "protocol/thread.h"
+#include "tests/fakes/capture_script.h"
+#include "tests/fakes/input_record.h"
+#include "tests/fakes/server_log_record.h"
+#include "tests/host/test_desktop.h"
+#include "tests/socket_pair.h"
+#include "tests/test.h"
+#include "viewer/frame_decode.h"
+#include "viewer/tile_cache.h"
+#include "viewer/viewer_channel.h"
+
+#include <atomic>
+#include <string.h>
+
+// The server's flag; the test is the server here.
+std::atomic<uint32_t> host::host_stop_requested;
+
+// ---------------------------------------------------------------------------------------
+// The host's side
+
+struct host_side {
+    net_socket sock;
+    int rounds;             // captures with changes before the screen rests,
+    std::atomic<bool> held; // counted from when this is off
+    bool resizes;
+    test_random *random;
+    std::atomic<bool> authenticated;
+    std::atomic<bool> joined; // the control thread ended when its connection did
+};
+
+static void read_password(char password[PASSWORD_MAX + 1])
+{
+    strcpy(password, "correct horse");
+}
+
+// Whether nothing is under way any more: every frame is really acknowledged, so every miss
+// was acted on, and no tile that the viewer has is to be examined.
+static bool at_rest(const host::host_session *session)
+{
+    using host::screen;
+    if (session->confirmed_seq != host::frame_seq)
+        return false;
+    for (int32_t ty = 0; ty < tiles_for(screen.hello_height); ty++)
+        for (int32_t tx = 0; tx < tiles_for(screen.hello_width); tx++)
+            if (tx < screen.tiles_x && ty < screen.tiles_y &&
+                screen.dirty_map[ty * screen.tiles_x + tx] != 0)
+                return false;
+    return desktop.dirty.empty() && !desktop.restarted;
+}
+
+static host::capture_result scripted_step(host_side *side, host::host_session *session)
+{
+    if (side->rounds > 0) {
+        if (!side->held)
+            side->rounds--;
+        for (uint64_t n = side->random->below(4); n > 0; n--)
+            desktop_random_change(side->random);
+        if (side->random->below(50) == 0)
+            desktop.restarted = true;
+        if (side->resizes && side->random->below(50) == 0) {
+            resize_desktop(64 + (int32_t)side->random->below(300),
+                           64 + (int32_t)side->random->below(300));
+            fill(whole(), RED);
+        }
+        if (side->random->below(2) == 0)
+            clock_sleep_ms(1);
+    } else if (at_rest(session)) {
+        host::host_stop_requested = 1;
+    } else {
+        clock_sleep_ms(1);
+    }
+    return desktop_capture();
+}
+
+// One session, from the handshake to the last wipe, as the server runs it.
+static void host_thread(void *argument)
+{
+    host_side *side = (host_side *)argument;
+    if (!handshake_as_host(&host::host_channel, side->sock, read_password, {}))
+        return;
+    side->authenticated = true;
+    host::host_session *session = host::session_create(side->sock, host::frame_seq);
+    channel_take_receiver(&host::host_channel, &session->receiver);
+    host::frame_pipeline_start(session, CAP_TILE_CACHE);
+    capture_script_step = [=] { return scripted_step(side, session); };
+
+    session->owners.fetch_add(1);
+    thread *control = thread_start(host::control_thread, session);
+    host::frame_pipeline_run(session);
+    net_abort(side->sock);
+    side->joined = thread_join(control, 10000);
+    host::session_retire();
+    channel_reset(&host::host_channel);
+    host::session_release(session);
+}
+
+// ---------------------------------------------------------------------------------------
+// The viewer's side
+
+struct connection {
+    host_side host;
+    net_socket viewer_sock;
+    thread *host_runs;
+    thread *viewer_receives;
+};
+
+// Connects a viewer whose cache has cache_slots slots to a host with a screen of this size.
+static void connect_session(connection *c, int32_t width, int32_t height, uint32_t cache_slots)
+{
+    lock_init(&host::host_lock);
+    lock_init(&viewer::frame_lock);
+    viewer::viewer_channel_init();
+    host::host_stop_requested = 0;
+    server_log_clear();
+
+    host::screen.hello_width = 0;
+    host::screen.hello_height = 0;
+    desktop_open(width, height);
+    REQUIRE(host::screen_resize(width, height));
+    fill(whole(), BLUE);
+
+    socket_pair pair = socket_pair_open();
+    net_set_nodelay(pair.host);
+    net_set_nodelay(pair.viewer);
+    c->host.sock = pair.host;
+    c->viewer_sock = pair.viewer;
+    REQUIRE(viewer::frame_open(width, height));
+    viewer::tile_cache_open();
+    lock_enter(&viewer::frame_lock);
+    viewer::tile_cache.cache_capacity = cache_slots; // fewer than it has memory for
+    lock_leave(&viewer::frame_lock);
+
+    c->host_runs = thread_start(host_thread, &c->host);
+    REQUIRE(c->host_runs != nullptr);
+    REQUIRE(handshake_as_viewer(&viewer::viewer_channel, c->viewer_sock, "correct horse"));
+    c->viewer_receives = thread_start(viewer::viewer_recv_thread, nullptr);
+    REQUIRE(c->viewer_receives != nullptr);
+}
+
+// Waits for both sides to end. The picture stays.
+static void wait_session(connection *c)
+{
+    REQUIRE(thread_join(c->host_runs, 120000));
+    REQUIRE(thread_join(c->viewer_receives, 120000));
+    net_close(c->viewer_sock);
+    channel_reset(&viewer::viewer_channel);
+    CHECK(c->host.authenticated);
+    CHECK(c->host.joined);
+}
+
+static bool picture_right()
+{
+    lock_enter(&viewer::frame_lock);
+    bool right =
+        desktop_shown(viewer::frame.frame_pixels, (size_t)viewer::frame.frame_stride * 4,
+                      viewer::frame.frame_stride / 64, viewer::frame.frame_rows / 64);
+    lock_leave(&viewer::frame_lock);
+    return right;
+}
+
+static void close_viewer()
+{
+    lock_enter(&viewer::frame_lock);
+    viewer::tile_cache_close();
+    lock_leave(&viewer::frame_lock);
+    viewer::frame_close();
+}
+
+// ---------------------------------------------------------------------------------------
+
+TEST_CASE("at rest the viewer shows the screen, whatever was drawn, moved and missed")
+{
+    test_random random = test_random_seeded("sessions");
+    uint32_t hits = 0, misses = 0;
+    for (int i = 0; i < 12; i++) {
+        // Caches from one set of two ways, which misses all the time, to what fits all.
+        uint32_t slots = i % 4 == 3 ? viewer::CACHE_CAPACITY : 2u << random.below(3);
+        connection c = {};
+        c.host.rounds = 200;
+        c.host.resizes = i % 3 == 2;
+        c.host.random = &random;
+        connect_session(&c, 100 + (int32_t)random.below(250), 70 + (int32_t)random.below(250),
+                        slots);
+        wait_session(&c);
+        CHECK(picture_right());
+        CHECK(viewer::statistics.stat_frames > 10);
+        hits += viewer::statistics.stat_hits;
+        misses += viewer::statistics.stat_misses;
+        CHECK(server_log_lines().back() == "client disconnected");
+        close_viewer();
+    }
+    // The road was what it was meant to be.
+    CHECK(hits > 0);
+    CHECK(misses > 0);
+}
+
+TEST_CASE("input reaches the host in order while frames stream the other way")
+{
+    test_random random = test_random_seeded("input");
+    input_record_clear();
+    connection c = {};
+    c.host.rounds = 100;
+    c.host.held = true;
+    c.host.random = &random;
+    connect_session(&c, 300, 200, 8);
+    // This thread stands for the window's: it sends beside the receive thread's answers. The
+    // host comes to rest after frames that it begins when all of this was sent, so it reads
+    // this before their acknowledgements.
+    for (uint16_t i = 0; i < 500; i++) {
+        uint16_t key = (uint16_t)('A' + i % 26);
+        REQUIRE(viewer::viewer_send_key(key, true));
+        REQUIRE(viewer::viewer_send_key(key, false));
+    }
+    c.host.held = false;
+    wait_session(&c);
+    CHECK(picture_right());
+    close_viewer();
+
+    int wrong = 0;
+    std::vector<std::vector<host::input_event>> calls = input_record_calls();
+    REQUIRE(calls.size() >= 1000);
+    for (size_t i = 0; i < 1000; i++)
+        wrong += calls[i].size() != 1 || !calls[i][0].keyboard ||
+                 calls[i][0].virtual_key != 'A' + i / 2 % 26;
+    CHECK(wrong == 0);
+}
+
+TEST_CASE("a viewer that leaves ends the session on the host, frames or not")
+{
+    test_random random = test_random_seeded("leaving");
+    for (int i = 0; i < 4; i++) {
+        connection c = {};
+        c.host.rounds = 1000000; // it would draw for ever
+        c.host.random = &random; // the host thread's from here on
+        uint32_t stay_ms = (uint32_t)random.below(60);
+        connect_session(&c, 300, 200, 8);
+        clock_sleep_ms(stay_ms);
+        net_abort(c.viewer_sock);
+        wait_session(&c);
+        CHECK(host::host_stop_requested == 0);
+        CHECK(server_log_lines().back() == "client disconnected");
+        close_viewer();
+    }
+}
