@@ -10,6 +10,8 @@
 //   probe_tool place TITLE X Y W H      moves and sizes a window
 //   probe_tool front TITLE              makes a window the foreground window
 //   probe_tool post TITLE MSG WPARAM    posts a message with a number
+//   probe_tool bare COMMAND             runs a program without standard input, output and
+//                                       error; ends with its exit status
 //
 // TITLE is the beginning of a window's title. Ends with 1 when there is no such window.
 
@@ -83,6 +85,24 @@ int print_text(HWND window, const char *class_name)
     return 0;
 }
 
+// Wine itself does not survive a process that starts with both closed in the Unix way.
+int run_bare(char *command)
+{
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES; // and all three null
+    PROCESS_INFORMATION started = {};
+    if (!CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                        &startup, &started)) {
+        fprintf(stderr, "cannot start %s: %lu\n", command, GetLastError());
+        return 1;
+    }
+    WaitForSingleObject(started.hProcess, INFINITE);
+    DWORD status = 1;
+    GetExitCodeProcess(started.hProcess, &status);
+    return (int)status;
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -112,6 +132,9 @@ int main(int argc, char **argv)
                 printf("%d\n", key);
         return 0;
     }
+
+    if (strcmp(verb, "bare") == 0 && argc == 3)
+        return run_bare(argv[2]);
 
     HWND window = argc > 2 ? find_window(argv[2]) : nullptr;
     if (!window)
