@@ -905,8 +905,8 @@ TEST_CASE("a move from an uncertain tile is left out, and what follows stays rig
 
     report_miss(miss);
     acknowledge(frame_seq);
-    while (!step().empty()) {
-    }
+    for (int frames = 0; !step().empty(); frames++)
+        REQUIRE(frames < 10);
     CHECK(picture_right());
 }
 
@@ -1034,6 +1034,7 @@ TEST_CASE("a session ends with its statistics when the server stops or the viewe
         fill(whole(), RED); // one tile and two references
         int steps = 0;
         capture_script_step = [&] {
+            REQUIRE(steps < 10);
             if (++steps == 3) {
                 host_stop_requested = stop;
                 session.session_ended = !stop;
@@ -1161,7 +1162,8 @@ static void run_random_session(test_random *random)
         for (uint64_t n = random->below(5); n > 0 && !answers.empty(); n--)
             answer_one();
     }
-    for (int quiet = 0; quiet < 3;) {
+    for (int quiet = 0, rounds = 0; quiet < 3; rounds++) {
+        REQUIRE(rounds < 1000);
         while (!answers.empty())
             answer_one();
         clock_script_now += 300;
