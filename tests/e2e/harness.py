@@ -180,12 +180,13 @@ class Program:
     """A started program whose output is collected line by line."""
 
     def __init__(self, name, command, environment, stdin=subprocess.DEVNULL,
-                 stdout=subprocess.PIPE):
+                 stdout=subprocess.PIPE, directory=None):
         self.name = name
         self.lines = []
         self.changed = threading.Condition()
-        self.process = subprocess.Popen(command, env=environment, stdin=stdin, stdout=stdout,
-                                        stderr=subprocess.STDOUT, start_new_session=True)
+        self.process = subprocess.Popen(command, env=environment, cwd=directory, stdin=stdin,
+                                        stdout=stdout, stderr=subprocess.STDOUT,
+                                        start_new_session=True)
         self.reader = None
         if self.process.stdout:
             self.reader = threading.Thread(target=self._read, daemon=True)
@@ -319,6 +320,8 @@ TEMPLATE_KEYS = [
     [r"HKCU\Software\Wine\WineDbg", "/v", "ShowCrashDialog", "/t", "REG_DWORD", "/d", "0"],
 ]
 
+TEMPLATE_FONTS = ["marlett.ttf", "tahoma.ttf", "tahomabd.ttf"]
+
 
 def wine_environment(prefix, base):
     # Programs see a home directory of their own: Wine links the user's folders to it.
@@ -331,9 +334,10 @@ def wine_template():
     template = WINE_DIR / f"e2e-{os.getuid()}" / "prefix"
     ready = template.parent / "ready"
     template.parent.mkdir(parents=True, exist_ok=True)
+    settings = repr((TEMPLATE_KEYS, TEMPLATE_FONTS))
     with open(template.parent / "lock", "w") as lock:
         fcntl.flock(lock, fcntl.LOCK_EX)
-        if ready.exists() and ready.read_text() == repr(TEMPLATE_KEYS):
+        if ready.exists() and ready.read_text() == settings:
             return template
         ready.unlink(missing_ok=True)
         shutil.rmtree(template, ignore_errors=True)
@@ -350,7 +354,11 @@ def wine_template():
             run("wine", "reg", "add", *key, "/f")
         subprocess.run(["wineserver", "-k"], env=environment, timeout=30)
         subprocess.run(["wineserver", "-w"], env=environment, timeout=30)
-        ready.write_text(repr(TEMPLATE_KEYS))
+        # Wine looks for the fonts of its own window frames here alone.
+        for font in TEMPLATE_FONTS:
+            with contextlib.suppress(OSError):
+                shutil.copy(f"/usr/share/wine/fonts/{font}", template / "drive_c/windows/Fonts")
+        ready.write_text(settings)
     return template
 
 
@@ -373,6 +381,20 @@ def copy_prefix(target, desktop):
     else:
         text = text.replace('"Desktop"="Default"', "")
     registry.write_text(text, encoding="latin-1")
+
+
+def run_directory(name):
+    """A new directory for the machines of one test. Removes those of long ago, whose tests
+    were killed."""
+    runs = WINE_DIR / "run"
+    runs.mkdir(parents=True, exist_ok=True)
+    for old in runs.iterdir():
+        with contextlib.suppress(OSError):
+            if time.time() - old.stat().st_mtime > 3600:
+                shutil.rmtree(old, ignore_errors=True)
+    directory = runs / f"{name}-{os.getpid()}-{time.time_ns()}"
+    directory.mkdir()
+    return directory
 
 
 class Machine:
@@ -399,7 +421,7 @@ class Machine:
         """Starts a Windows program; a bare name is one of Wine's own."""
         started = Program(pathlib.Path(program).name,
                           ["wine", str(program)] + [str(a) for a in arguments],
-                          self.environment, **options)
+                          self.environment, directory=self.drive_c, **options)
         self.programs.append(started)
         return started
 
@@ -518,7 +540,8 @@ class Viewer:
 
     def close_window(self):
         """Closes the window as its close button does."""
-        if self.machine.ask("post", self.window().title[:4], 0x0010, 0) is None:
+        wm_close = 0x0010
+        if self.machine.ask("post", "class=qvviewer", wm_close, 0) is None:
             raise Failure("the viewer has no window to close")
 
     def window(self):
@@ -536,6 +559,20 @@ class Viewer:
         """What the window shows."""
         return self.window().cut(self.machine.screen.shot())
 
+    def screen_point(self, x, y):
+        """Where the point of the host's screen is on the viewer's screen; at scale 1.0 in a
+        window of just that size."""
+        left, top, _, _ = self.window().client
+        return left + x, top + y
+
+    def point_at(self, x, y):
+        """Moves the viewer's pointer there."""
+        self.machine.screen.xdotool("mousemove", *self.screen_point(x, y))
+
+    def click(self, x, y, button=1):
+        self.point_at(x, y)
+        self.machine.screen.xdotool("click", button)
+
 
 # ---------------------------------------------------------------------------------------
 # Tests
@@ -545,9 +582,12 @@ class E2ETest(unittest.TestCase):
     """A test with machines. Its cleanup ends them, keeps what explains a failure, and fails
     the test when a process is left."""
 
+    def run(self, result=None):
+        self.result = result or self.defaultTestResult()
+        return super().run(self.result)
+
     def setUp(self):
-        self.directory = WINE_DIR / "run" / f"{self.id()}-{os.getpid()}-{time.time_ns()}"
-        self.directory.mkdir(parents=True)
+        self.directory = run_directory(self.id())
         self.kept = KEPT_DIR / self.id()
         self.machines = []
         signal.signal(signal.SIGALRM, self._out_of_time)
@@ -560,7 +600,7 @@ class E2ETest(unittest.TestCase):
     def _end(self):
         signal.alarm(0)
         try:
-            if not self._outcome.success:
+            if any(test is self for test, _ in self.result.failures + self.result.errors):
                 self._keep()
             for machine in self.machines:
                 machine.close()
@@ -597,6 +637,13 @@ class E2ETest(unittest.TestCase):
                       machine.windows_path(log))
         machine.wait_window(title)
         return log
+
+    def session(self, host_size=(1280, 800), viewer_size=(1920, 1080)):
+        """A host and a viewer connected to it directly."""
+        host = Host(self.machine("host", *host_size))
+        viewer = Viewer(self.machine("viewer", *viewer_size), "127.0.0.1", "-p", host.password)
+        viewer.wait_connected()
+        return host, viewer
 
     def animate(self, machine, title, on):
         self.assertIsNotNone(machine.ask("post", title, 0x8000, 1 if on else 0))

@@ -2,6 +2,7 @@
 // hold. Tests run it inside the Wine prefix that they ask about.
 //
 //   probe_tool stay                     keeps the desktop up: never ends
+//   probe_tool bare COMMAND             starts a program that has no standard handles
 //   probe_tool list                     every visible top-level window, one line each
 //   probe_tool text TITLE [CLASS]       text of the window, or of its first child of CLASS
 //   probe_tool metrics                  width and height of the screen
@@ -13,7 +14,8 @@
 //   probe_tool bare COMMAND             runs a program without standard input, output and
 //                                       error; ends with its exit status
 //
-// TITLE is the beginning of a window's title. Ends with 1 when there is no such window.
+// TITLE is the beginning of a window's title, or "class=" and the whole name of its class.
+// Ends with 1 when there is no such window.
 
 #include "protocol/win32.h"
 
@@ -26,8 +28,11 @@ namespace
 
 constexpr int TITLE_SIZE = 512;
 
+constexpr char CLASS_PREFIX[] = "class=";
+
 struct window_search {
-    const char *title;
+    const char *title; // or nullptr: class_name counts
+    const char *class_name;
     HWND found;
 };
 
@@ -53,20 +58,30 @@ BOOL CALLBACK list_window(HWND window, LPARAM)
 BOOL CALLBACK match_window(HWND window, LPARAM parameter)
 {
     window_search *search = (window_search *)parameter;
-    char title[TITLE_SIZE] = {};
-    GetWindowTextA(window, title, TITLE_SIZE);
-    if (!IsWindowVisible(window) || strncmp(title, search->title, strlen(search->title)) != 0)
+    char text[TITLE_SIZE] = {};
+    bool match;
+    if (search->title) {
+        GetWindowTextA(window, text, TITLE_SIZE);
+        match = strncmp(text, search->title, strlen(search->title)) == 0;
+    } else {
+        GetClassNameA(window, text, TITLE_SIZE);
+        match = strcmp(text, search->class_name) == 0;
+    }
+    if (!match || !IsWindowVisible(window))
         return TRUE;
     search->found = window;
     return FALSE;
 }
 
-HWND find_window(const char *title)
+HWND find_window(const char *which)
 {
-    window_search search = {title, nullptr};
+    window_search search = {which, nullptr, nullptr};
+    const size_t prefix = strlen(CLASS_PREFIX);
+    if (strncmp(which, CLASS_PREFIX, prefix) == 0)
+        search = {nullptr, which + prefix, nullptr};
     EnumWindows(match_window, (LPARAM)&search);
     if (!search.found)
-        fprintf(stderr, "no window is titled %s\n", title);
+        fprintf(stderr, "there is no window %s\n", which);
     return search.found;
 }
 
@@ -103,6 +118,16 @@ int run_bare(char *command)
     return (int)status;
 }
 
+int start_bare(char *command)
+{
+    STARTUPINFOA startup = {};
+    startup.cb = sizeof startup;
+    startup.dwFlags = STARTF_USESTDHANDLES; // all three are null
+    PROCESS_INFORMATION process = {};
+    return !CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, DETACHED_PROCESS, nullptr,
+                           nullptr, &startup, &process);
+}
+
 } // namespace
 
 int main(int argc, char **argv)
@@ -112,6 +137,8 @@ int main(int argc, char **argv)
         GetDesktopWindow();
         Sleep(INFINITE);
     }
+    if (strcmp(verb, "bare") == 0 && argc == 3)
+        return start_bare(argv[2]);
     if (strcmp(verb, "list") == 0) {
         EnumWindows(list_window, 0);
         return 0;

@@ -1,0 +1,279 @@
+#!/usr/bin/python3
+"""Sessions begin, fail and end as they should."""
+
+import os
+import signal
+import subprocess
+import time
+
+import harness
+import relay
+
+AUTHENTICATION_FAILED = "authentication failed (wrong password, or host not online)"
+HOST_AUTH_FAILED = "auth failed (wrong password or not an qv client)"
+
+
+def wrong(password):
+    return ("x" if password[0] != "x" else "y") + password[1:]
+
+
+class FailureTest(harness.E2ETest):
+    """The viewer says why there is no session and returns 1."""
+
+    def check(self, machine, arguments, last_line):
+        status, output = machine.run(harness.PROGRAMS / "qv_client.exe", *arguments)
+        self.assertEqual(output.splitlines()[-1:], [last_line])
+        self.assertEqual(status, 1)
+
+    def test_wrong_password(self):
+        host = harness.Host(self.machine("host"))
+        machine = self.machine("viewer", 1920, 1080)
+        for password in (wrong(host.password), "", host.password[:-1], host.password + "a"):
+            self.check(machine, ["127.0.0.1", "-p", password], AUTHENTICATION_FAILED)
+        host.wait_log(HOST_AUTH_FAILED, count=4)
+        self.assertFalse(host.log_has("client connected"))
+        # It spoils nothing for who knows the password.
+        viewer = harness.Viewer(machine, "127.0.0.1", "-p", host.password)
+        viewer.wait_connected()
+        self.wait_same_picture(host, viewer)
+
+    def test_unknown_host(self):
+        self.check(self.machine("viewer"), ["no-such-host.invalid", "-p", "x"],
+                   "cannot resolve host")
+
+    def test_nobody_listens(self):
+        self.check(self.machine("viewer"), ["127.0.0.1", "-p", "x"], "connection failed")
+        self.check(self.machine("viewer2"), ["127.0.0.1", "5900", "6000", "-p", "x"],
+                   "connection failed")
+
+    def test_a_peer_that_is_no_host(self):
+        # It says nothing and hangs up; and: it answers rubbish.
+        machine = self.machine("viewer")
+        for answer in ("", "HTTP/1.1 400 Bad Request\\r\\n\\r\\n" * 8):
+            script = ("import socket; s = socket.create_server(('127.0.0.1', 7777)); "
+                      f"c = s.accept()[0]; c.recv(32); c.sendall(b'{answer}'); c.close()")
+            server = subprocess.Popen(["/usr/bin/python3", "-c", script])
+            self.addCleanup(server.wait)
+            harness.wait_for("server", lambda: ":1E61 " in
+                             open("/proc/net/tcp", encoding="ascii").read())
+            self.check(machine, ["127.0.0.1", "-p", "x"], AUTHENTICATION_FAILED)
+            server.wait(10)
+
+
+class UsageTest(harness.E2ETest):
+    VIEWER_USAGE = [
+        "usage: qv_client <host> [port] -p <password>          direct",
+        "       qv_client -r <ID> [relayhost[:port]] -p <password>   via relay "
+        "(default qv-relay:7000)",
+    ]
+
+    def test_viewer_usage(self):
+        machine = self.machine("viewer")
+        for arguments in ([], ["-p", "x"], ["-p"]):
+            status, output = machine.run(harness.PROGRAMS / "qv_client.exe", *arguments)
+            self.assertEqual(output.splitlines(), self.VIEWER_USAGE, arguments)
+            self.assertEqual(status, 1)
+
+    def test_host_usage(self):
+        machine = self.machine("host")
+        for arguments in (["-x"], ["--help"], ["-r", "-x"], ["7777"], ["-q", "-q"]):
+            status, output = machine.run(harness.PROGRAMS / "qv_host.exe", *arguments)
+            self.assertTrue(output.startswith("usage: qv_host"), (arguments, output))
+            self.assertEqual(status, 1)
+        self.assertFalse((machine.data_dir / "host.txt").exists())
+
+    def test_stop_without_a_running_host(self):
+        status, _ = self.machine("host").run(harness.PROGRAMS / "qv_host.exe", "-q")
+        self.assertEqual(status, 1)
+
+
+class HostTest(harness.E2ETest):
+    """The host program by itself."""
+
+    def stop(self, host):
+        status, _ = host.machine.run(harness.PROGRAMS / "qv_host.exe", "-q")
+        self.assertEqual(status, 0)
+
+    def test_it_says_where_things_are_and_stops_when_asked(self):
+        host = harness.Host(self.machine("host"))
+        output = host.program.output
+        for name in (host.info["id"], "host.txt", "qv_server.log"):
+            self.assertIn(name, output)
+        self.assertNotIn(host.password, output)
+        self.assertRegex(host.info["id"], r"^[0-9]{9}$")
+        self.assertEqual((host.machine.data_dir / "id.txt").read_text(), host.info["id"])
+        self.assertEqual(host.info["relay"], "qv-relay:7000")
+        self.assertEqual(len(host.password), 8)
+        self.assertIn("server up on port 7777, dxgi=0", host.log)
+        self.stop(host)
+        self.assertEqual(host.program.wait(10), 0)
+
+    def test_it_keeps_its_id_and_changes_its_password(self):
+        machine = self.machine("host")
+        first = harness.Host(machine)
+        before = first.info
+        self.stop(first)
+        first.program.wait(10)
+        (machine.data_dir / "qv_server.log").unlink()
+        second = harness.Host(machine)
+        self.assertEqual(second.info["id"], before["id"])
+        self.assertNotEqual(second.info["password"], before["password"])
+
+    def test_a_second_host_finds_the_port_taken(self):
+        host = harness.Host(self.machine("host"))
+        other = self.machine("other")
+        status, _ = other.run(harness.PROGRAMS / "qv_host.exe")
+        self.assertEqual(status, 1)
+        log = (other.data_dir / "qv_server.log").read_text().splitlines()
+        self.assertRegex(log[-1], r"^bind/listen failed \d+$")
+        self.assertTrue(host.program.is_running())
+
+    def test_it_needs_neither_input_nor_output(self):
+        machine = self.machine("host")
+        program = "Z:" + str(harness.PROGRAMS / "qv_host.exe").replace("/", "\\")
+        self.assertIsNotNone(machine.ask("bare", f'"{program}"'))
+        log = machine.data_dir / "qv_server.log"
+        harness.wait_for("the log", lambda: log.exists() and "server up" in log.read_text())
+        self.assertTrue("qv_host.exe" in harness.descendants().values())
+        status, _ = machine.run(harness.PROGRAMS / "qv_host.exe", "-q")
+        self.assertEqual(status, 0)
+        harness.wait_for("its end",
+                         lambda: "qv_host.exe" not in harness.descendants().values())
+
+    def test_output_that_goes_into_a_full_file_does_not_matter(self):
+        machine = self.machine("host")
+        with open("/dev/full", "wb") as full:
+            host = harness.Host(machine, stdout=full)
+        self.assertTrue(host.program.is_running())
+        self.stop(host)
+        self.assertEqual(host.program.wait(10), 0)
+
+
+class SessionTest(harness.E2ETest):
+    def test_viewer_reconnects_after_its_window_was_closed(self):
+        host, viewer = self.session()
+        for count in (1, 2):
+            self.wait_same_picture(host, viewer)
+            viewer.close_window()
+            self.assertEqual(viewer.program.wait(), 0)
+            host.wait_log("client disconnected", count)
+            viewer = harness.Viewer(viewer.machine, "127.0.0.1", "-p", host.password)
+            viewer.wait_connected()
+        self.wait_same_picture(host, viewer)
+        host.wait_log("client connected: ", 3)
+        self.assertTrue(any(line.endswith("caps=3 (text=1 cache=1)") for line in host.log))
+        self.assertTrue(host.log_has("session stats: "))
+
+    def test_viewer_that_vanishes_makes_room(self):
+        host, viewer = self.session()
+        self.wait_same_picture(host, viewer)
+        os.killpg(viewer.program.process.pid, signal.SIGKILL)
+        host.wait_log("client disconnected")
+        again = harness.Viewer(viewer.machine, "127.0.0.1", "-p", host.password)
+        again.wait_connected()
+        self.wait_same_picture(host, again)
+
+    def test_host_stop_ends_the_session(self):
+        host, viewer = self.session()
+        self.wait_same_picture(host, viewer)
+        status, _ = host.machine.run(harness.PROGRAMS / "qv_host.exe", "-q")
+        self.assertEqual(status, 0)
+        self.assertEqual(host.program.wait(10), 0)
+        self.assertEqual(viewer.program.wait(10), 0)
+
+    def test_host_that_vanishes_ends_the_session(self):
+        host, viewer = self.session()
+        self.wait_same_picture(host, viewer)
+        os.killpg(host.program.process.pid, signal.SIGKILL)
+        self.assertEqual(viewer.program.wait(10), 0)
+
+    def test_second_viewer_waits_until_the_first_leaves(self):
+        host, first = self.session()
+        second = harness.Viewer(self.machine("second", 1920, 1080), "127.0.0.1", "-p",
+                                host.password)
+        self.wait_same_picture(host, first)
+        time.sleep(2)
+        self.assertEqual(second.program.output, "")
+        self.assertTrue(second.program.is_running())
+        self.assertTrue(first.program.is_running())
+        first.close_window()
+        self.assertEqual(first.program.wait(), 0)
+        second.wait_connected()
+        self.wait_same_picture(host, second)
+
+
+class RelayTest(harness.E2ETest):
+    """Host and viewer meet at a relay."""
+
+    def setUp(self):
+        super().setUp()
+        if not harness.relay_name_resolves():
+            self.skipTest("without a namespace the relay's name leads nowhere")
+
+    def join(self, machine, host_id, password, *relay_address):
+        return harness.Viewer(machine, "-r", host_id, *relay_address, "-p", password)
+
+    def test_session_through_the_relay(self):
+        with relay.TestRelay() as running:
+            host = harness.Host(self.machine("host"), "-r")
+            room = host.info["id"]
+            self.assertIn(f"server up via relay qv-relay:7000 room '{room}', dxgi=0",
+                          host.log)
+            host.wait_log(f"relay: connected to qv-relay:7000, room '{room}', waiting for a "
+                          "viewer")
+            harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
+            machine = self.machine("viewer", 1920, 1080)
+            for address in ([], ["127.0.0.1"], ["localhost:7000"]):
+                viewer = self.join(machine, room, host.password, *address)
+                viewer.wait_connected()
+                name, _, port = (address or ["qv-relay:7000"])[0].partition(":")
+                self.assertEqual(viewer.program.lines[0],
+                                 f"via relay {name}:{port or 7000}, ID {room}, waiting for "
+                                 "host...")
+                self.probe_window(host.machine, f"probe {name}", 100, 100, 500, 400)
+                self.wait_same_picture(host, viewer)
+                viewer.close_window()
+                self.assertEqual(viewer.program.wait(), 0)
+                harness.wait_for("the host's return", lambda: running.is_waiting(room))
+            self.assertEqual([hello.role for hello in running.hellos],
+                             ["H", "V", "H", "V", "H", "V", "H"])
+            self.assertEqual({hello.room for hello in running.hellos}, {room})
+            self.assertEqual(running.hellos[0].name, host.info["name"])
+            self.assertEqual(running.rejected, 0)
+
+    def test_wrong_password_and_wrong_room(self):
+        with relay.TestRelay(patience=1.0) as running:
+            host = harness.Host(self.machine("host"), "-r")
+            room = host.info["id"]
+            harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
+            machine = self.machine("viewer", 1920, 1080)
+            for name, password in ((room, wrong(host.password)), ("000000000", "x")):
+                viewer = self.join(machine, name, password)
+                self.assertEqual(viewer.program.wait(), 1)
+                self.assertEqual(viewer.program.lines[-1], AUTHENTICATION_FAILED)
+            host.wait_log(HOST_AUTH_FAILED)
+            harness.wait_for("the host's return", lambda: running.is_waiting(room))
+
+    def test_a_relay_that_comes_late(self):
+        host = harness.Host(self.machine("host"), "-r")
+        host.wait_log("relay: connect qv-relay:7000 failed (10061)", count=2)
+        self.assertEqual(self.join(self.machine("viewer", 1920, 1080), host.info["id"],
+                                   host.password).program.wait(), 1)
+        with relay.TestRelay() as running:
+            harness.wait_for("the host at the relay",
+                             lambda: running.is_waiting(host.info["id"]))
+
+    def test_a_relay_that_goes_ends_the_session(self):
+        with relay.TestRelay() as running:
+            host = harness.Host(self.machine("host"), "-r")
+            room = host.info["id"]
+            harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
+            viewer = self.join(self.machine("viewer", 1920, 1080), room, host.password)
+            viewer.wait_connected()
+        self.assertEqual(viewer.program.wait(), 0)
+        host.wait_log("client disconnected")
+        host.wait_log("relay: connect qv-relay:7000 failed")
+
+
+if __name__ == "__main__":
+    harness.main()
