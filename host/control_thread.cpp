@@ -211,9 +211,11 @@ void control_thread(void *argument)
         control_message(session, header.type, payload, header.length);
     }
 
+    // The end is reported before the releases, which may be stuck in an input hook too: the
+    // server has its own limit for this thread and need not notice the end any later.
     net_abort(session->sock);
-    session_release_input(session);
     session->session_ended.exchange(1);
+    session_release_input(session);
     session_release(session);
 }
 

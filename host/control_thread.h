@@ -8,8 +8,8 @@ namespace host
 {
 
 // The thread's routine; argument is the host_session, of which it is one owner. Ends when a
-// receive fails or a message is too large; it then shuts the connection down, releases the
-// input left pressed, reports the end in session_ended and leaves the session.
+// receive fails or a message is too large; it then shuts the connection down, reports the
+// end in session_ended, releases the input left pressed and leaves the session.
 void control_thread(void *session);
 
 // Acts on one message: the type byte of its header and length bytes of payload, at most

@@ -763,6 +763,23 @@ TEST_CASE("a connection that breaks ends the session and releases what was press
     CHECK(input_record_calls().size() == 6);
 }
 
+TEST_CASE("the end is reported before the releases, which may be stuck")
+{
+    running r;
+    r.send(message_bytes(MSG_KEY, PRESS_A));
+    REQUIRE(wait_until([&] { return r.session->keys_down[1] != 0; }));
+    input_record_block_next();
+    net_abort(r.sockets.viewer);
+    REQUIRE(wait_until(input_record_blocked));
+    CHECK(r.session->session_ended == 1);
+    input_record_unblock();
+    r.check_ends();
+    auto calls = input_record_calls();
+    REQUIRE(calls.size() == 2);
+    CHECK(calls[1][0].virtual_key == 0x41);
+    CHECK(calls[1][0].flags == 2);
+}
+
 TEST_CASE("a record that was tampered with ends the session")
 {
     running r;
