@@ -379,7 +379,7 @@ bool frame_pipeline_step(host_session *session)
     return true;
 }
 
-void frame_pipeline_start(host_session *, uint16_t caps)
+void frame_pipeline_start(uint16_t caps)
 {
     lock_enter(&host_lock);
     screen_session_start();

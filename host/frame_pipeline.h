@@ -18,7 +18,7 @@ extern std::atomic<uint32_t> frame_seq;
 extern uint16_t peer_caps;
 
 // Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
-void frame_pipeline_start(host_session *session, uint16_t caps);
+void frame_pipeline_start(uint16_t caps);
 
 // Runs until host_stop_requested, session_ended or a failed flush; then logs the session's
 // statistics. Host server thread.

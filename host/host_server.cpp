@@ -156,7 +156,7 @@ static void run_session(net_socket sock, const client_hello &hello)
     }
     host_channel.receiver.deadline = {}; // a viewer may be silent for as long as it likes
     channel_take_receiver(&host_channel, &session->receiver);
-    frame_pipeline_start(session, hello.caps);
+    frame_pipeline_start(hello.caps);
 
     session->owners.fetch_add(1);
     thread *control = thread_start(control_thread, session);

@@ -51,7 +51,7 @@ static void start_session(uint16_t caps = CAP_TILE_CACHE)
     flush_records.clear();
     flush_fails = false;
     flush_hook = nullptr;
-    frame_pipeline_start(&session, caps);
+    frame_pipeline_start(caps);
     viewer.open(screen.screen_width, screen.screen_height);
 }
 

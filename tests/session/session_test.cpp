@@ -95,7 +95,7 @@ static void host_thread(void *argument)
     side->authenticated = true;
     host::host_session *session = host::session_create(side->sock, host::frame_seq);
     channel_take_receiver(&host::host_channel, &session->receiver);
-    host::frame_pipeline_start(session, CAP_TILE_CACHE);
+    host::frame_pipeline_start(CAP_TILE_CACHE);
     capture_script_step = [=] { return scripted_step(side, session); };
 
     session->owners.fetch_add(1);
