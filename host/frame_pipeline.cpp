@@ -72,7 +72,7 @@ static tile_span tiles_of(int32_t x, int32_t y, int32_t w, int32_t h)
     return {x / TILE_SIZE, y / TILE_SIZE, (x + w - 1) / TILE_SIZE, (y + h - 1) / TILE_SIZE};
 }
 
-static tile_base *base_at(int32_t tx, int32_t ty)
+static tile_base *base_at(int32_t tx, int32_t ty) REQUIRES(host_lock)
 {
     return &screen.bases[(int64_t)ty * screen.tiles_x + tx];
 }
