@@ -3,11 +3,10 @@
 
 #include "protocol/win32.h"
 
+#include <assert.h>
+
 namespace host
 {
-
-// More than a session can leave pressed: 256 keys and three buttons.
-constexpr int32_t CALL_EVENTS_MAX = 288;
 
 static void fill_input(INPUT *input, const input_event &event)
 {
@@ -30,15 +29,11 @@ static void fill_input(INPUT *input, const input_event &event)
 
 void input_send(const input_event *events, int32_t count)
 {
-    INPUT inputs[CALL_EVENTS_MAX];
-    while (count > 0) {
-        int32_t n = count < CALL_EVENTS_MAX ? count : CALL_EVENTS_MAX;
-        for (int32_t i = 0; i < n; i++)
-            fill_input(&inputs[i], events[i]);
-        SendInput((UINT)n, inputs, sizeof inputs[0]);
-        events += n;
-        count -= n;
-    }
+    assert(count >= 0 && count <= INPUT_CALL_MAX);
+    INPUT inputs[INPUT_CALL_MAX];
+    for (int32_t i = 0; i < count; i++)
+        fill_input(&inputs[i], events[i]);
+    SendInput((UINT)count, inputs, sizeof inputs[0]);
 }
 
 } // namespace host
