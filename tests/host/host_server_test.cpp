@@ -480,16 +480,16 @@ TEST_CASE("stops from several threads meet the end of a connection without harm"
 TEST_CASE("a wrong password is logged, and the right one is served after a pause")
 {
     start_direct();
+    uint32_t before = clock_ms();
     {
         test_viewer v;
         v.sock = connect_host();
         CHECK_FALSE(v.log_in("Secret"));
     }
     REQUIRE(wait_line(AUTH_FAILED));
-    uint32_t failed = clock_ms();
     test_viewer v;
     CHECK(v.join_direct().width == 200);
-    CHECK(clock_ms() - failed >= 250); // 300 ms, less what passed until the line was seen
+    CHECK(clock_ms() - before >= 300);
     CHECK(identity_script_states() == std::vector<int32_t>{1, 1, 2});
     v.close();
     CHECK(wait_line(DISCONNECTED));
@@ -1122,12 +1122,12 @@ TEST_CASE("a relay that drops the waiting host sees it again")
     start_relayed();
     net_socket sock = relay.take();
     CHECK(wait_line(REGISTERED));
+    uint32_t before = clock_ms();
     net_close(sock);
     CHECK(wait_line(AUTH_FAILED));
     CHECK(identity_script_rotation_checks() == 0); // no viewer came
-    uint32_t dropped = clock_ms();
     sock = relay.take();
-    CHECK(clock_ms() - dropped >= 250);
+    CHECK(clock_ms() - before >= 300);
     CHECK(wait_line(REGISTERED, 2));
     CHECK(identity_script_states() == std::vector<int32_t>{1, 1});
     net_close(sock);
