@@ -41,6 +41,8 @@ static constexpr int SEND_BUFFER_BYTES = 1048576; // a frame's record goes down 
 static constexpr uint32_t CONTROL_JOIN_MS = 1000;
 static constexpr uint16_t GRANTED_CAPS = CAP_TEXT_LAYER | CAP_TILE_CACHE;
 
+static_assert(HOST_PASSWORD_SIZE == PASSWORD_MAX + 1, "the handshake takes any password");
+
 std::atomic<uint32_t> host_stop_requested;
 
 // The connection that host_stop would end: the present one, or NET_INVALID. While host_stop
