@@ -3,8 +3,9 @@
 // the window.
 //
 // The frame lock is held while picture and text are drawn, so that neither changes half way,
-// and not for anything else. Failing graphics calls are not checked, except where a failure
-// would leave nothing to draw into. Where everything is drawn is view_geometry's decision.
+// and not while the window is brought up to date. Failing graphics calls are not checked,
+// except where a failure would leave nothing to draw into. Where everything is drawn is
+// view_geometry's decision.
 #include "viewer/view_paint.h"
 
 #include "protocol/win32.h"
@@ -162,30 +163,28 @@ void *view_paint(void *window_dc, int32_t client_width, int32_t client_height,
 {
     bool is_new = false;
     bool usable = back_buffer_fit((HDC)window_dc, client_width, client_height, &is_new);
+    HDC dc = back_buffer.dc;
 
     lock_enter(&frame_lock);
     view_geometry now =
         view_fit(client_width, client_height, frame.frame_width, frame.frame_height);
-    lock_leave(&frame_lock); // the picture's size does not change while there is a window
-
-    bool whole =
-        is_new || now.view_width != view->view_width || now.view_height != view->view_height;
+    // Where nothing of the picture is visible, all is black, whatever the buffer held.
+    bool whole = is_new || now.view_width == 0 || now.view_width != view->view_width ||
+                 now.view_height != view->view_height;
     *view = now;
-    if (!usable)
-        return nullptr;
-
-    HDC dc = back_buffer.dc;
-    if (whole) {
-        *redraw = {0, 0, client_width, client_height};
-        RECT all = {0, 0, client_width, client_height};
-        FillRect(dc, &all, (HBRUSH)GetStockObject(BLACK_BRUSH));
+    if (usable) {
+        if (whole) {
+            *redraw = {0, 0, client_width, client_height};
+            RECT all = {0, 0, client_width, client_height};
+            FillRect(dc, &all, (HBRUSH)GetStockObject(BLACK_BRUSH));
+        }
+        view_stretch stretch =
+            view_paint_rect(now, *redraw, frame.frame_width, frame.frame_height);
+        draw_picture(dc, now, stretch);
+        draw_text(dc, now, stretch);
     }
-    lock_enter(&frame_lock);
-    view_stretch stretch = view_paint_rect(now, *redraw, frame.frame_width, frame.frame_height);
-    draw_picture(dc, now, stretch);
-    draw_text(dc, now, stretch);
     lock_leave(&frame_lock);
-    return dc;
+    return usable ? dc : nullptr;
 }
 
 } // namespace viewer

@@ -304,6 +304,27 @@ TEST_CASE("an empty client area and one beyond memory paint nothing and do no ha
     CHECK(read_pixels(dc, 120, 80)[6 * 120 + 11] == BLACK);
 }
 
+TEST_CASE("a picture too flat to be seen is black, not what another session left")
+{
+    canvas c;
+    open_picture(100, 70, 1);
+    view_geometry view;
+    HDC dc = paint(c, 120, 80, &view);
+    CHECK(read_pixels(dc, 120, 80)[6 * 120 + 11] == pattern(1, 1));
+    frame_close();
+
+    REQUIRE(frame_open(10000, 1)); // 0.012 times as high as a pixel
+    view = {};                     // the next session's first paint
+    frame_rect redraw = {0, 0, 1, 1};
+    dc = (HDC)view_paint(c.dc, 120, 80, &view, &redraw);
+    REQUIRE(dc);
+    CHECK(redraw.right == 120);
+    CHECK(redraw.bottom == 80);
+    for (uint32_t pixel : read_pixels(dc, 120, 80))
+        REQUIRE(pixel == BLACK);
+    frame_close();
+}
+
 TEST_CASE("the text layer covers the picture with coloured cells and characters")
 {
     canvas c;
