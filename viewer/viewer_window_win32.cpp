@@ -215,6 +215,11 @@ static LRESULT CALLBACK window_procedure(HWND hwnd, UINT message, WPARAM wparam,
         on_wheel(hwnd, wparam, lparam);
         return 0;
 
+    case WM_CLOSE:
+        // Losing the focus on the way sends releases, and must not wait either. The host
+        // releases what is down when the connection ends.
+        viewer_session_abort();
+        return DefWindowProcA(hwnd, message, wparam, lparam);
     case WM_DESTROY:
         on_destroy();
         return 0;

@@ -386,30 +386,63 @@ static void hold_until_aborted(void *)
 
 TEST_CASE("closing aborts the connection before it waits for the frame lock")
 {
-    HWND hwnd = open_window(400, 300);
-    tile_cache_open();
-    UpdateWindow(hwnd);
-    holding = false;
-    thread *receiver = thread_start(hold_until_aborted, nullptr);
-    REQUIRE(receiver);
-    while (!holding)
-        Sleep(1);
-    SendMessageA(hwnd, WM_SYSCOMMAND, SC_CLOSE, 0); // the close box
-    viewer_window_run();
-    CHECK(session_aborts == 1);
-    CHECK(thread_join(receiver, THREAD_WAIT_FOREVER));
-    CHECK_FALSE(IsWindow(hwnd));
-    lock_enter(&frame_lock);
-    bool enabled = tile_cache.cache_enabled;
-    lock_leave(&frame_lock);
-    CHECK_FALSE(enabled);
+    for (bool close_box : {true, false}) {
+        CAPTURE(close_box);
+        HWND hwnd = open_window(400, 300);
+        tile_cache_open();
+        UpdateWindow(hwnd);
+        holding = false;
+        thread *receiver = thread_start(hold_until_aborted, nullptr);
+        REQUIRE(receiver);
+        while (!holding)
+            Sleep(1);
+        if (close_box)
+            SendMessageA(hwnd, WM_SYSCOMMAND, SC_CLOSE, 0);
+        else
+            DestroyWindow(hwnd);
+        viewer_window_run();
+        CHECK(session_aborts > 0);
+        CHECK(thread_join(receiver, THREAD_WAIT_FOREVER));
+        CHECK_FALSE(IsWindow(hwnd));
+        lock_enter(&frame_lock);
+        bool enabled = tile_cache.cache_enabled;
+        lock_leave(&frame_lock);
+        CHECK_FALSE(enabled);
 
-    // Nobody to post to any more.
-    viewer_window_post_repaint();
-    viewer_window_post_close();
-    MSG message;
-    CHECK_FALSE(PeekMessageA(&message, nullptr, WM_CLOSE, WM_CLOSE, PM_REMOVE));
-    frame_close();
+        // Nobody to post to any more.
+        viewer_window_post_repaint();
+        viewer_window_post_close();
+        MSG message;
+        CHECK_FALSE(PeekMessageA(&message, nullptr, WM_CLOSE, WM_CLOSE, PM_REMOVE));
+        frame_close();
+    }
+}
+
+// Stands before the window's own procedure and notes how it loses the focus.
+static WNDPROC own_procedure;
+static int focus_losses, aborts_before_focus_loss;
+
+static LRESULT CALLBACK note_focus_loss(HWND hwnd, UINT message, WPARAM wparam, LPARAM lparam)
+{
+    if (message == WM_KILLFOCUS) {
+        focus_losses++;
+        aborts_before_focus_loss = session_aborts;
+    }
+    return CallWindowProcA(own_procedure, hwnd, message, wparam, lparam);
+}
+
+TEST_CASE("a window that closes with a key down does not wait to send its release")
+{
+    HWND hwnd = open_window(400, 300);
+    UpdateWindow(hwnd);
+    SetFocus(hwnd);
+    REQUIRE(GetFocus() == hwnd);
+    SendMessageA(hwnd, WM_KEYDOWN, 'A', 0);
+    focus_losses = aborts_before_focus_loss = 0;
+    own_procedure = (WNDPROC)SetWindowLongPtrA(hwnd, GWLP_WNDPROC, (LONG_PTR)note_focus_loss);
+    close_window();
+    REQUIRE(focus_losses == 1);
+    CHECK(aborts_before_focus_loss > 0);
 }
 
 TEST_CASE("a second session starts afresh")
