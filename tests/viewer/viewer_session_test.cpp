@@ -24,10 +24,19 @@
 #include <thread>
 #include <vector>
 #ifdef _WIN32
+#include "protocol/win32.h"
 #include <io.h>
 #include <process.h>
+using native_socket = SOCKET;
+using length_type = int;
 #else
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
+using native_socket = int;
+using length_type = socklen_t;
 #endif
 
 using namespace viewer;
@@ -490,6 +499,61 @@ TEST_CASE("a direct connection without an ID reports the empty one")
     on_connected = nullptr;
     CHECK(o.result == 0);
     CHECK(connected_id == "");
+}
+
+// The session's socket, looked at by the callback while it lives.
+static net_socket session_socket;
+
+static bool read_option(int level, int name, void *value, length_type size)
+{
+    return getsockopt((native_socket)session_socket, level, name, (char *)value, &size) == 0;
+}
+
+static int option(int level, int name)
+{
+    int value = 0;
+    CHECK(read_option(level, name, &value, sizeof value));
+    return value;
+}
+
+static void check_socket(const char *, const char *)
+{
+    session_socket = viewer_channel.sender.sock;
+    CHECK(option(SOL_SOCKET, SO_TYPE) == SOCK_STREAM);
+    CHECK(option(IPPROTO_TCP, TCP_NODELAY) != 0);
+    CHECK(option(SOL_SOCKET, SO_KEEPALIVE) != 0);
+#ifdef _WIN32
+    CHECK(option(SOL_SOCKET, SO_SNDTIMEO) == 10000);
+    CHECK(option(SOL_SOCKET, SO_RCVTIMEO) == 0);
+    CHECK(option(SOL_SOCKET, SO_RCVBUF) == 1048576);
+#else
+    timeval time = {};
+    CHECK(read_option(SOL_SOCKET, SO_SNDTIMEO, &time, sizeof time));
+    CHECK(time.tv_sec == 10);
+    CHECK(read_option(SOL_SOCKET, SO_RCVTIMEO, &time, sizeof time));
+    CHECK(time.tv_sec == 0);
+    CHECK(option(IPPROTO_TCP, TCP_KEEPIDLE) == 60);
+    CHECK(option(IPPROTO_TCP, TCP_KEEPINTVL) == 10);
+    // Linux grants up to a limit, and reports twice what it took.
+    int limit = 0;
+    FILE *file = fopen("/proc/sys/net/core/rmem_max", "r");
+    REQUIRE(file);
+    REQUIRE(fscanf(file, "%d", &limit) == 1);
+    fclose(file);
+    CHECK(option(SOL_SOCKET, SO_RCVBUF) == 2 * (limit < 1048576 ? limit : 1048576));
+#endif
+}
+
+TEST_CASE("the socket has its options, and is closed when the session is over")
+{
+    session_socket = NET_INVALID;
+    on_connected = check_socket;
+    session_outcome o = run_with_host(greeting(64, 64, 3, [](host_end &) {}));
+    on_connected = nullptr;
+    CHECK(o.result == 0);
+    REQUIRE(session_socket != NET_INVALID);
+    int type = 0;
+    CHECK_FALSE(read_option(SOL_SOCKET, SO_TYPE, &type, sizeof type));
 }
 
 TEST_CASE("no password is the empty one")
