@@ -699,6 +699,23 @@ TEST_CASE("a text block of another size leaves the cells and moves the layer")
     }
 }
 
+TEST_CASE("a block that is longer than the decoder counts is malformed, not empty")
+{
+    opened_frame f(640, 480);
+    bytes before = row_record(0, "abc", 7);
+    apply(MSG_TEXT_LAYER,
+          text_message({0, 0, 30, 10, 3, 1, 1, (int32_t)before.size()}, literal_block(before)));
+    // No row is taken from this one, but the scratch holds it.
+    bytes row = row_record(0, "xyz", 7);
+    apply(MSG_TEXT_LAYER,
+          text_message({0, 0, 30, 10, 3, 1, 0, (int32_t)row.size()}, literal_block(row)));
+    bytes empty = text_message({0, 0, 30, 10, 3, 1, 1, 0}, {});
+    lock_enter(&frame_lock);
+    frame_apply(MSG_TEXT_LAYER, empty.data(), TEXT_LAYER_HEAD_BYTES + 0x80000000u);
+    lock_leave(&frame_lock);
+    CHECK(text_shown() == "abc");
+}
+
 TEST_CASE("the decoder's limit is the largest size announced, to the byte")
 {
     opened_frame f(640, 480);

@@ -111,6 +111,9 @@ TEST_CASE("painting stretches the redrawn rectangle with a margin of source pixe
         {1920, 1080, 1366, 768, {1642, 923, 1643, 924}, {1363, 765, 3, 3, 1640, 921, 3, 3}},
         // Scale 0.5 at (0, 60): x 10/.5-2 = 18 to 21/.5+3 = 45, shown from 9 to 22.5+.999.
         {640, 480, 1280, 720, {10, 70, 21, 81}, {18, 18, 27, 27, 9, 69, 14, 14}},
+        // Scale 0.75 at (520, 0): x 3/.75-2 = 2 to 12/.75+3 = 19, shown from 1 (1.5) to
+        // 14.25+.999, which a rounded end would lose.
+        {2000, 540, 1280, 720, {523, 3, 532, 12}, {2, 2, 17, 17, 521, 1, 14, 14}},
         // A bar's last rows: trunc(-1/.5) + 3 = 1 source row.
         {640, 480, 1280, 720, {0, 0, 640, 59}, {0, 0, 1280, 1, 0, 60, 640, 1}},
         // 721 rows at 0.5 in 1000: offset 320, and half a pixel at the end, which is shown.
