@@ -148,14 +148,15 @@ static void place_tile(uint8_t *at, uint64_t stride, const uint8_t *tile)
         memcpy(at + row * stride, tile + row * TILE_ROW_BYTES, TILE_ROW_BYTES);
 }
 
-// XORs a contiguous tile into the picture. A loop of fixed length over memory that cannot
-// overlap: the compiler turns it into vector operations.
+// A loop of fixed length over memory that cannot overlap: the compiler turns it into vector
+// operations.
 static void xor_row(uint8_t *__restrict at, const uint8_t *__restrict difference)
 {
     for (int32_t i = 0; i < TILE_ROW_BYTES; i++)
         at[i] ^= difference[i];
 }
 
+// XORs a contiguous tile into the picture.
 static void xor_tile(uint8_t *at, uint64_t stride, const uint8_t *difference)
 {
     for (int32_t row = 0; row < TILE_SIZE; row++)
