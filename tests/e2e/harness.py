@@ -669,3 +669,7 @@ def main():
     enter_namespace()
     adopt_orphans()
     unittest.main(warnings="ignore")
+
+
+if __name__ == "__main__":  # for the build: succeeds where there are namespaces
+    sys.exit(0 if namespace_command() else 1)

@@ -2,7 +2,6 @@
 // hold. Tests run it inside the Wine prefix that they ask about.
 //
 //   probe_tool stay                     keeps the desktop up: never ends
-//   probe_tool bare COMMAND             starts a program that has no standard handles
 //   probe_tool list                     every visible top-level window, one line each
 //   probe_tool text TITLE [CLASS]       text of the window, or of its first child of CLASS
 //   probe_tool metrics                  width and height of the screen
@@ -118,16 +117,6 @@ int run_bare(char *command)
     return (int)status;
 }
 
-int start_bare(char *command)
-{
-    STARTUPINFOA startup = {};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES; // all three are null
-    PROCESS_INFORMATION process = {};
-    return !CreateProcessA(nullptr, command, nullptr, nullptr, FALSE, DETACHED_PROCESS, nullptr,
-                           nullptr, &startup, &process);
-}
-
 } // namespace
 
 int main(int argc, char **argv)
@@ -137,8 +126,6 @@ int main(int argc, char **argv)
         GetDesktopWindow();
         Sleep(INFINITE);
     }
-    if (strcmp(verb, "bare") == 0 && argc == 3)
-        return start_bare(argv[2]);
     if (strcmp(verb, "list") == 0) {
         EnumWindows(list_window, 0);
         return 0;
