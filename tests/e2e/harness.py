@@ -318,6 +318,8 @@ TEMPLATE_KEYS = [
     [r"HKCU\Software\Wine\Explorer", "/v", "Desktop", "/d", "Default"],
     [r"HKCU\Software\Wine\Explorer\Desktops", "/v", "Default", "/d", TEMPLATE_DESKTOP],
     [r"HKCU\Software\Wine\WineDbg", "/v", "ShowCrashDialog", "/t", "REG_DWORD", "/d", "0"],
+    # A caret that blinks would keep a screen from ever coming to rest (milliseconds).
+    [r"HKCU\Control Panel\Desktop", "/v", "CursorBlinkRate", "/d", "100000000"],
 ]
 
 TEMPLATE_FONTS = ["marlett.ttf", "tahoma.ttf", "tahomabd.ttf"]
