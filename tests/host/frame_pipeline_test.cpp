@@ -399,6 +399,30 @@ TEST_CASE("a 3840x2160 screen of noise arrives in two frames that fit a record")
     CHECK(step().empty());
 }
 
+TEST_CASE("a frame takes one more tile exactly as long as the record can hold what follows")
+{
+    // What may follow the bytes already there: a raw tile of 8 + 16397 bytes, a pointer of
+    // 8 + 9 and the frame's end of 8 + 8.
+    const size_t needed = 16405 + 17 + 16;
+    for (size_t excess : {0, 1}) {
+        CAPTURE(excess);
+        start(64, 64, 0);
+        test_random random = test_random_seeded("full record");
+        fill_noise(whole(), &random);
+        cursor_script_now.x++;
+        // A message that viewers skip.
+        std::vector<uint8_t> filler(16777216 - needed + excess - MESSAGE_HEADER_BYTES);
+        out_append_header(MSG_WINDOW_LIST, (uint32_t)filler.size());
+        out_append(filler.data(), filler.size());
+        REQUIRE(frame_pipeline_step(&session)); // a frame of the pointer, if no tile fits
+        REQUIRE(flush_records.size() == 1);
+        if (excess == 0)
+            CHECK(flush_records[0].size() == 16777216);
+        CHECK(count_type(model_split(flush_records[0]), MSG_TILE) == (excess == 0 ? 1 : 0));
+        CHECK(dirty_tiles() == (int)excess);
+    }
+}
+
 // ---------------------------------------------------------------------------------------
 // Pacing and the log
 
@@ -948,16 +972,20 @@ TEST_CASE("no moves are sent while the screen differs in size from the viewer's 
     test_random random = test_random_seeded("moves and sizes");
     fill_noise(whole(), &random);
     step();
-    for (int32_t width : {300, 319, 340, 320}) {
-        CAPTURE(width);
-        resize_desktop(width, 200);
+    const struct {
+        int32_t width, height;
+    } sizes[] = {{300, 200}, {319, 200}, {340, 200}, {320, 199}, {320, 260}, {320, 200}};
+    for (auto &size : sizes) {
+        CAPTURE(size.width);
+        CAPTURE(size.height);
+        resize_desktop(size.width, size.height);
         fill_noise(whole(), &random);
         CHECK(step().empty());
         step();
         CHECK(picture_right());
-        move_block({0, 40, 0, 0, 300, 160});
+        move_block({0, 40, 0, 0, 300, size.height - 40});
         std::vector<model_message> frame = step();
-        CHECK(count_type(frame, MSG_COPY_RECTS) == (width == 320));
+        CHECK(count_type(frame, MSG_COPY_RECTS) == (size.width == 320 && size.height == 200));
         CHECK(screen.move_count == 0);
         CHECK(picture_right());
     }
