@@ -11,6 +11,7 @@
 #include "host/host_server.h"
 #include "host/capture.h"
 #include "host/frame_pipeline.h"
+#include "host/host_channel.h"
 #include "host/screen.h"
 #include "identity/host_identity.h"
 #include "protocol/clock.h"
@@ -226,6 +227,15 @@ static void stop_direct()
     close_listener();
 }
 
+// Whether nothing of a session is left in the channel: no buffer and no key. For when the
+// server waits or has returned.
+static bool channel_is_clean()
+{
+    const uint8_t *bytes = (const uint8_t *)&host::host_channel;
+    return std::all_of(bytes, bytes + sizeof host::host_channel,
+                       [](uint8_t byte) { return byte == 0; });
+}
+
 // ---------------------------------------------------------------------------------------
 // The viewer
 
@@ -431,6 +441,7 @@ TEST_CASE("a stop during a session ends it and the server")
     CHECK(count_lines(DISCONNECTED) == 1);
     CHECK(last_state() == HOST_OFFLINE);
     CHECK(identity_script_peer_name().empty());
+    CHECK(channel_is_clean());
     close_listener();
 }
 
@@ -971,6 +982,7 @@ TEST_CASE("a session without memory ends after its hello, and only that")
     CHECK(wait_until([] { return last_state() == HOST_WAITING; }));
     CHECK(identity_script_states() == std::vector<int32_t>{1, 2, 0, 1});
     CHECK(identity_script_peer_name().empty());
+    CHECK(channel_is_clean());
     serve_one_more();
     stop_direct();
 }
