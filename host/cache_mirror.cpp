@@ -62,22 +62,26 @@ bool cache_mirror_find(uint64_t hash)
     return hash != 0 && cache_mirror.slots && cache_mirror.slots[probe(hash)] == hash;
 }
 
+// Empties the hash's slot and inserts the rest of its probe run again, in order. Of each of
+// those the outcome is known: if its probe passes the hole it moves there and leaves one
+// behind, else it stays. So no probe is walked, and one pass over the run is all, however
+// long a viewer made it: the lock is held meanwhile.
 void cache_mirror_remove(uint64_t hash)
 {
     if (!cache_mirror_find(hash))
         return;
-    uint32_t at = probe(hash);
-    cache_mirror.slots[at] = 0;
-    cache_mirror.count--;
-    // The run behind it may have been probed past this slot. Taken out one by one and put in
-    // again, each hash ends up where a probe for it looks; none can land behind `at`, so the
-    // walk meets every one once and stops at the run's end.
-    for (at = (at + 1) & SLOT_MASK; cache_mirror.slots[at] != 0; at = (at + 1) & SLOT_MASK) {
-        uint64_t moved = cache_mirror.slots[at];
-        cache_mirror.slots[at] = 0;
-        cache_mirror.count--;
-        cache_mirror_insert(moved);
+    uint64_t *slots = cache_mirror.slots;
+    uint32_t hole = probe(hash);
+    for (uint32_t at = (hole + 1) & SLOT_MASK; slots[at] != 0; at = (at + 1) & SLOT_MASK) {
+        uint32_t from_home = (at - (uint32_t)slots[at]) & SLOT_MASK;
+        uint32_t from_hole = (at - hole) & SLOT_MASK;
+        if (from_hole <= from_home) {
+            slots[hole] = slots[at];
+            hole = at;
+        }
     }
+    slots[hole] = 0;
+    cache_mirror.count--;
 }
 
 uint32_t cache_mirror_count()
