@@ -16,6 +16,9 @@
 #include <atomic>
 #include <string.h>
 #include <vector>
+#ifndef _WIN32
+#include <pthread.h>
+#endif
 
 static constexpr net_deadline NO_DEADLINE = {};
 static constexpr size_t KEY = 32;
@@ -369,6 +372,76 @@ TEST_CASE("without random bytes the handshake fails before anything is sent")
     CHECK(all_zero(&channel, sizeof channel));
     socket_pair_close(&p);
 }
+
+#ifndef _WIN32
+
+// One host's handshake, on a stack that can be looked at when it is over.
+namespace
+{
+struct host_on_stack {
+    secure_channel channel;
+    net_socket sock;
+    bool ok;
+};
+} // namespace
+
+static void *run_host_on_stack(void *parameter)
+{
+    host_on_stack *h = (host_on_stack *)parameter;
+    h->ok = handshake_as_host(&h->channel, h->sock, read_host_password, NO_DEADLINE);
+    net_abort(h->sock);
+    return nullptr;
+}
+
+static bool contains(const std::vector<uint8_t> &bytes, const void *what, size_t n)
+{
+    return memmem(bytes.data(), bytes.size(), what, n) != nullptr;
+}
+
+TEST_CASE("no way out of the handshake leaves a secret on the stack")
+{
+    const handshake_vector &v = HANDSHAKES[1];
+    REQUIRE(strlen(v.password) >= 6); // not there by accident
+    std::vector<uint8_t> whole = join(v.viewer_key, v.client_confirm);
+    std::vector<uint8_t> wrong = whole;
+    wrong.back() ^= 1;
+    const std::vector<uint8_t> scripts[] = {
+        {},                                   // our secret key is there
+        {whole.begin(), whole.begin() + KEY}, // and the session key
+        wrong,
+        whole,
+    };
+    for (const std::vector<uint8_t> &bytes : scripts) {
+        CAPTURE(bytes.size());
+        script_secret(v.host_secret);
+        set_host_password(v.password);
+        socket_pair p = socket_pair_open();
+        REQUIRE(net_send_all(p.viewer, bytes.data(), bytes.size()));
+
+        std::vector<uint8_t> stack(1 << 20);
+        host_on_stack host = {{}, p.host, false};
+        pthread_attr_t attributes;
+        pthread_t t;
+        REQUIRE(pthread_attr_init(&attributes) == 0);
+        REQUIRE(pthread_attr_setstack(&attributes, stack.data(), stack.size()) == 0);
+        REQUIRE(pthread_create(&t, &attributes, run_host_on_stack, &host) == 0);
+        pthread_attr_destroy(&attributes);
+        if (bytes.size() < whole.size())
+            net_abort(p.viewer);
+        REQUIRE(pthread_join(t, nullptr) == 0);
+
+        CHECK(host.ok == (bytes == whole));
+        CHECK_FALSE(contains(stack, v.host_secret, KEY));
+        CHECK_FALSE(contains(stack, v.client_confirm, CONFIRM));
+        CHECK_FALSE(contains(stack, v.c2s, KEY));
+        CHECK_FALSE(contains(stack, v.s2c, KEY));
+        CHECK_FALSE(contains(stack, v.password, strlen(v.password)));
+        channel_reset(&host.channel);
+        socket_pair_close(&p);
+    }
+}
+
+#endif
 
 TEST_CASE("a handshake starts from a clean channel, whatever it held")
 {
