@@ -57,6 +57,15 @@ TEST_CASE("growing keeps what is there")
     CHECK(memcmp(out_bytes(), expected.data(), expected.size()) == 0);
 }
 
+TEST_CASE("growth makes room for twice the need and 65536 bytes more")
+{
+    out_reset();
+    out_append("x", 1);
+    uint8_t *room = out_reserve(29999999); // more than any test before needs
+    REQUIRE(room != nullptr);
+    CHECK(out_reserve(60065536 - 1) == room); // one byte is used
+}
+
 TEST_CASE("an emptied buffer keeps its memory for the next frame")
 {
     out_reset();
