@@ -32,10 +32,10 @@ struct screen_record {
     int32_t tiles_x, tiles_y;                         // written under host_lock
 
     // padded_width * padded_height pixels, rows of padded_width * 4 bytes, top row first.
-    uint8_t *frame_buffer;                        // the newest capture
-    uint8_t *prev_frame PT_GUARDED_BY(host_lock); // what the viewer shows
-    std::atomic<uint8_t> *dirty_map;              // 1: the tile is to be examined
-    tile_base *bases PT_GUARDED_BY(host_lock);    // tiles_x * tiles_y, row-major
+    uint8_t *frame_buffer;                     // the newest capture
+    uint8_t *prev_frame GUARDED_BY(host_lock); // what the viewer shows
+    std::atomic<uint8_t> *dirty_map;           // 1: the tile is to be examined
+    tile_base *bases GUARDED_BY(host_lock);    // tiles_x * tiles_y, row-major
 
     bool full_capture_pending; // the next duplication frame must be copied whole
     int32_t move_count;        // moves reported since the last frame was sent

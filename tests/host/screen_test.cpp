@@ -77,7 +77,7 @@ static int32_t dirty_count()
     return count;
 }
 
-static void check_nothing_there()
+static void check_nothing_there() NO_THREAD_SAFETY_ANALYSIS
 {
     CHECK(screen.screen_width == 0);
     CHECK(screen.screen_height == 0);
