@@ -54,7 +54,8 @@ class FailureTest(harness.E2ETest):
                       f"c = s.accept()[0]; c.recv(32); c.sendall(b'{answer}'); c.close()")
             server = subprocess.Popen(["/usr/bin/python3", "-c", script])
             self.addCleanup(server.wait)
-            harness.wait_for("server", lambda: ":1E61 " in
+            # Port 7777 in state 0A, listening; the round before leaves one that is closing.
+            harness.wait_for("server", lambda: ":1E61 00000000:0000 0A " in
                              open("/proc/net/tcp", encoding="ascii").read())
             self.check(machine, ["127.0.0.1", "-p", "x"], AUTHENTICATION_FAILED)
             server.wait(10)
