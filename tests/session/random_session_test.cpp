@@ -49,9 +49,9 @@ static std::set<uint32_t> missed;            // tiles not sent since; row << 16 
 
 static bool answer(message_type type, const uint8_t *payload, uint32_t length)
 {
-    bytes m(MESSAGE_HEADER_BYTES);
+    bytes m(MESSAGE_HEADER_BYTES + length);
     put_header(m.data(), type, length);
-    m.insert(m.end(), payload, payload + length);
+    memcpy(m.data() + MESSAGE_HEADER_BYTES, payload, length);
     to_host.push_back(m);
     return true;
 }
