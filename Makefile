@@ -20,4 +20,5 @@ test: setup
 	@tools/run_tests
 
 demo: windows
+	cmake --build --preset mingw-release --parallel 2 --target probe_tool
 	@tools/demo

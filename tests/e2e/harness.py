@@ -20,6 +20,7 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import threading
@@ -94,7 +95,7 @@ def enter_namespace():
         hosts = WINE_DIR / f"hosts-{os.getpid()}-{time.time_ns()}"
         hosts.parent.mkdir(parents=True, exist_ok=True)
         hosts.write_text(f"127.0.0.1 localhost {RELAY_HOST}\n::1 localhost\n")
-        subprocess.run(["mount", "--bind", str(hosts), "/etc/hosts"], check=True)
+        subprocess.run(["mount", "--bind", str(hosts), "/etc/hosts"], stderr=subprocess.DEVNULL)
         hosts.unlink()
         return
     command = namespace_command()
@@ -109,8 +110,10 @@ def enter_namespace():
 
 
 def relay_name_resolves():
-    """Whether programs find the relay by its default name; only a namespace can promise it."""
-    return os.environ.get(INSIDE) == "namespace"
+    """Whether programs find the relay by its default name."""
+    with contextlib.suppress(OSError):
+        return socket.gethostbyname(RELAY_HOST) == "127.0.0.1"
+    return False
 
 
 # ---------------------------------------------------------------------------------------

@@ -162,7 +162,7 @@ class RelayTest(harness.E2ETest):
     def setUp(self):
         super().setUp()
         if not harness.relay_name_resolves():
-            self.skipTest("without a namespace the relay's name leads nowhere")
+            self.skipTest("the relay's name leads nowhere without a namespace and /etc/hosts")
 
     def join(self, machine, host_id, password, *relay_address):
         return harness.Viewer(machine, "-r", host_id, *relay_address, "-p", password)
