@@ -36,7 +36,10 @@ PROBES = pathlib.Path(os.environ.get("QV_PROBES", ROOT / "build/mingw-release/te
 WINE_DIR = pathlib.Path(os.environ.get("QV_E2E_WINE", ROOT / "build/wine"))
 KEPT_DIR = ROOT / "build/e2e"
 
-TEST_SECONDS = 120  # a test that takes longer is stopped and fails
+# Limits are for machines that have more to do than this; what is waited for takes a second
+# or two as a rule.
+TEST_SECONDS = 300  # a test that takes longer is stopped and fails
+WAIT_SECONDS = 45.0
 HOST_PORT = 7777
 RELAY_PORT = 7000
 RELAY_HOST = "qv-relay"  # the default that the programs are built with
@@ -46,7 +49,7 @@ class Failure(AssertionError):
     """What was waited for did not happen."""
 
 
-def wait_for(what, condition, seconds=15.0, pause=0.05):
+def wait_for(what, condition, seconds=WAIT_SECONDS, pause=0.05):
     """Calls condition() until it returns something true, and returns that."""
     end = time.monotonic() + seconds
     while True:
@@ -207,7 +210,7 @@ class Program:
         with self.changed:
             return "\n".join(self.lines)
 
-    def wait_line(self, pattern, seconds=30.0):
+    def wait_line(self, pattern, seconds=WAIT_SECONDS):
         """The first line of output that the regular expression matches whole."""
         def find():
             with self.changed:
@@ -221,7 +224,7 @@ class Program:
         except Failure as failure:
             raise Failure(f"{failure}; its output:\n{self.output}") from None
 
-    def wait(self, seconds=30.0):
+    def wait(self, seconds=WAIT_SECONDS):
         """The exit status."""
         try:
             status = self.process.wait(seconds)
@@ -430,7 +433,7 @@ class Machine:
         self.programs.append(started)
         return started
 
-    def run(self, program, *arguments, seconds=30.0):
+    def run(self, program, *arguments, seconds=WAIT_SECONDS):
         """Runs a console program to its end. Returns (status, output)."""
         started = self.start(program, *arguments)
         return started.wait(seconds), started.output
@@ -449,7 +452,7 @@ class Machine:
                               tuple(map(int, client.split())))
         return None
 
-    def wait_window(self, title="", class_name=None, seconds=30.0):
+    def wait_window(self, title="", class_name=None, seconds=WAIT_SECONDS):
         return wait_for(f"{self.name}: window {title!r} {class_name or ''}",
                         lambda: self.window(title, class_name), seconds, 0.1)
 
@@ -463,7 +466,7 @@ class Machine:
                 program.kill()
         for flag in ("-k", "-w"):
             with contextlib.suppress(subprocess.TimeoutExpired):
-                subprocess.run(["wineserver", flag], env=self.environment, timeout=15,
+                subprocess.run(["wineserver", flag], env=self.environment, timeout=WAIT_SECONDS,
                                stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
                                stderr=subprocess.DEVNULL)
         self.screen.close()
@@ -510,7 +513,7 @@ class Host:
     def log_has(self, beginning):
         return any(line.startswith(beginning) for line in self.log)
 
-    def wait_log(self, beginning, count=1, seconds=20.0):
+    def wait_log(self, beginning, count=1, seconds=WAIT_SECONDS):
         """Waits until so many lines of the log begin so."""
         def enough():
             return sum(line.startswith(beginning) for line in self.log) >= count
@@ -538,7 +541,7 @@ class Viewer:
         self.machine = machine
         self.program = machine.start(PROGRAMS / "qv_client.exe", *arguments)
 
-    def wait_connected(self, seconds=30.0):
+    def wait_connected(self, seconds=WAIT_SECONDS):
         """Waits for the window. Returns it."""
         self.program.wait_line(r"connected to .* \(\d+x\d+\)", seconds)
         return self.machine.wait_window(class_name="qvviewer")
@@ -555,7 +558,7 @@ class Viewer:
             raise Failure(f"the viewer has no window; its output:\n{self.program.output}")
         return found
 
-    def wait_title(self, pattern, seconds=10.0):
+    def wait_title(self, pattern, seconds=WAIT_SECONDS):
         """Waits until the regular expression matches the title. Returns the match."""
         return wait_for(f"viewer title {pattern!r}",
                         lambda: re.fullmatch(pattern, self.window().title), seconds, 0.2)
@@ -653,7 +656,7 @@ class E2ETest(unittest.TestCase):
     def animate(self, machine, title, on):
         self.assertIsNotNone(machine.ask("post", title, 0x8000, 1 if on else 0))
 
-    def wait_same_picture(self, host, viewer, seconds=15.0):
+    def wait_same_picture(self, host, viewer, seconds=WAIT_SECONDS):
         """Waits until the viewer's window shows, at scale 1.0, the host's screen to the
         pixel, and the host's screen did not change meanwhile. Returns the picture."""
         end = time.monotonic() + seconds

@@ -52,9 +52,13 @@ class PictureCase:
         for burst in range(bursts):
             self.animate(machine, "probe", True)
             seen = []
-            end = time.monotonic() + 1.5 + burst / 10
+            start = time.monotonic()
+            end = start + 1.5 + burst / 10
             while time.monotonic() < end:
                 seen.append(picture_number(viewer.shot(), x, y))
+                # On a busy machine a screenshot alone may take most of that time.
+                if len(set(seen)) <= 2:
+                    end = min(time.monotonic() + 1, start + harness.WAIT_SECONDS)
             self.animate(machine, "probe", False)
             self.assertEqual(seen, sorted(seen), "the picture went back in time")
             self.assertGreater(len(set(seen)), 2, f"the picture hardly moved: {seen}")
@@ -75,7 +79,7 @@ class PictureCase:
         # while a caret does.)
         for _ in range(3):
             time.sleep(0.3)
-            self.wait_same_picture(host, viewer, 3)
+            self.wait_same_picture(host, viewer)
         return host, viewer
 
 
@@ -106,7 +110,7 @@ class TitleTest(harness.E2ETest):
         self.animate(host.machine, "probe", False)
         # A still screen sends no pictures: the rate comes to rest.
         harness.wait_for("a rate of 0 KB/s at rest",
-                         lambda: re.fullmatch(TITLE, viewer.window().title)[5] == "0", 15)
+                         lambda: re.fullmatch(TITLE, viewer.window().title)[5] == "0")
 
 
 if __name__ == "__main__":
