@@ -553,10 +553,13 @@ class Viewer:
             raise Failure("the viewer has no window to close")
 
     def window(self):
-        found = self.machine.window(class_name="qvviewer")
-        if not found:
-            raise Failure(f"the viewer has no window; its output:\n{self.program.output}")
-        return found
+        # Asked while windows change their order, Windows may leave one out.
+        try:
+            return wait_for("the viewer's window",
+                            lambda: self.machine.window(class_name="qvviewer"), 5)
+        except Failure as failure:
+            raise Failure(f"{failure}; the viewer's output:\n{self.program.output}\n"
+                          f"and the windows:\n{self.machine.ask('list')}") from None
 
     def wait_title(self, pattern, seconds=WAIT_SECONDS):
         """Waits until the regular expression matches the title. Returns the match."""
