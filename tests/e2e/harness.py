@@ -101,6 +101,8 @@ def enter_namespace():
         subprocess.run(["mount", "--bind", str(hosts), "/etc/hosts"], stderr=subprocess.DEVNULL)
         hosts.unlink()
         return
+    if os.environ.get(INSIDE) == "lock":
+        return
     command = namespace_command()
     if command:
         environment = dict(os.environ, **{INSIDE: "namespace"})

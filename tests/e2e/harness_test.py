@@ -1,6 +1,7 @@
 #!/usr/bin/python3
 """The harness itself: what the other tests take for granted."""
 
+import pathlib
 import socket
 import subprocess
 
@@ -48,6 +49,36 @@ class HarnessTest(harness.E2ETest):
         self.assertEqual(harness.difference(picture, other), "")
         other[7, 9, 2] ^= 1
         self.assertIn("x 9..9, y 7..7", harness.difference(picture, other))
+
+    def test_a_test_that_hangs_is_stopped_and_tidied_up(self):
+        kept = self.directory / "kept"
+        script = f"""
+import sys
+sys.path.insert(0, {str(pathlib.Path(__file__).parent)!r})
+import harness, pathlib, signal, time
+harness.KEPT_DIR = pathlib.Path({str(kept)!r})
+
+class Hangs(harness.E2ETest):
+    def test(self):
+        machine = self.machine("one", 640, 480)
+        machine.start("notepad")
+        machine.wait_window("Untitled")
+        signal.alarm(1)  # the time is up
+        time.sleep(60)
+
+harness.main()
+"""
+        before = set((harness.WINE_DIR / "run").iterdir())
+        done = subprocess.run(["/usr/bin/python3", "-c", script], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
+                              timeout=100)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn("the test took longer than", done.stdout)
+        self.assertNotIn("left running", done.stdout)
+        self.assertEqual(harness.descendants(), {})
+        self.assertEqual([path.name for path in kept.glob("*/one.png")], ["one.png"])
+        left = set((harness.WINE_DIR / "run").iterdir()) - before
+        self.assertEqual([path for path in left if "Hangs" in path.name], [])
 
 
 def relay_side(role, room, bytes_after=b""):
