@@ -8,8 +8,9 @@
 void make_directory(const char *path);
 
 // Opens a file for writing, emptied, as a text stream, and restricts it to its owner, the
-// system and administrators as far as the file system can, also when it existed before.
-// Null when it cannot be opened; the caller closes it with fclose.
+// system and administrators as far as the file system can, also when it existed before. One
+// that belongs to another user is deleted and made anew. Null when it cannot be opened, or
+// stays the other's; the caller closes it with fclose.
 FILE *open_private_file(const char *path);
 
 #endif

@@ -2,6 +2,7 @@
 """qv_host.exe as a program: its command line, its texts, its exit status, its end."""
 
 import contextlib
+import os
 import pathlib
 import socket
 import time
@@ -144,6 +145,22 @@ class HostProgramTest(harness.E2ETest):
                 self.assertRegex((self.pc.data_dir / "id.txt").read_text(), r"\A\d{9}\Z")
                 self.assertEqual(self.pc.run(self.exe, "-q"), (0, ""))
                 self.assertEqual(program.wait(5), 0)
+
+    def test_a_host_file_that_another_user_left_is_made_anew(self):
+        self.pc.data_dir.mkdir(parents=True)
+        path = self.pc.data_dir / "host.txt"
+        path.write_text("planted")
+        path.chmod(0o666)
+        try:
+            os.chown(path, 12345, -1)
+        except OSError:
+            self.skipTest("only root can give a file to another user")
+        with open(path) as planted:  # as whoever left it keeps it open
+            host = self.host()
+            self.assertNotIn(host.password, planted.read())
+        self.assertEqual(path.stat().st_uid, os.getuid())
+        self.assertEqual(len(host.password), 8)
+        self.quit(host)
 
     def test_a_host_keeps_no_console(self):
         # A program that keeps its console shows that window until it ends.
