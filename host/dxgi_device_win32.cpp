@@ -5,6 +5,7 @@
 #include "host/dxgi_device.h"
 
 #include "identity/server_log.h"
+#include "protocol/system_library.h"
 #include "protocol/win32.h"
 
 #include <d3d11.h>
@@ -13,18 +14,16 @@
 namespace host
 {
 
-// Kept once loaded: devices come and go, and the library's threads may outlast them.
 static PFN_D3D11_CREATE_DEVICE find_create_device(HRESULT *result)
 {
-    static PFN_D3D11_CREATE_DEVICE create_device;
-    if (create_device)
-        return create_device;
-    HMODULE library = LoadLibraryExA("d3d11.dll", nullptr, LOAD_LIBRARY_SEARCH_SYSTEM32);
-    void *entry = library ? (void *)GetProcAddress(library, "D3D11CreateDevice") : nullptr;
-    if (!entry)
+    static PFN_D3D11_CREATE_DEVICE found; // server thread only
+    if (!found) {
+        void *entry = system_library_function(L"d3d11.dll", "D3D11CreateDevice");
+        found = (PFN_D3D11_CREATE_DEVICE)entry;
+    }
+    if (!found)
         *result = HRESULT_FROM_WIN32(GetLastError());
-    create_device = (PFN_D3D11_CREATE_DEVICE)entry;
-    return create_device;
+    return found;
 }
 
 static bool create_device(dxgi_objects *objects)

@@ -18,6 +18,7 @@
 #include "identity/data_dir.h"
 #include "identity/host_identity.h"
 #include "identity/server_log.h"
+#include "protocol/system_library.h"
 #include "protocol/win32.h"
 
 #include <stdio.h>
@@ -147,6 +148,7 @@ static int run(int32_t relay_mode)
 
 int main(int argc, char **argv)
 {
+    system_library_restrict();
     if (argc < 2)
         return run(0);
     if (argc == 2 && strcmp(argv[1], "-r") == 0)

@@ -2,6 +2,7 @@
 // picture is scaled, or the pacing coarser.
 #include "host/host_platform.h"
 
+#include "protocol/system_library.h"
 #include "protocol/win32.h"
 
 #include <mmsystem.h>
@@ -16,7 +17,9 @@ void host_platform_dpi_aware()
 
 void host_platform_real_time()
 {
-    timeBeginPeriod(1); // never ended: the process end does it
+    void *found = system_library_function(L"winmm.dll", "timeBeginPeriod");
+    if (decltype(&timeBeginPeriod) begin_period = (decltype(&timeBeginPeriod))found)
+        begin_period(1); // never ended: the process end does it
     SetPriorityClass(GetCurrentProcess(), ABOVE_NORMAL_PRIORITY_CLASS);
     SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_ABOVE_NORMAL);
 }

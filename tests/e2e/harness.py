@@ -499,9 +499,9 @@ class Window:
 class Host:
     """qv_host running on a machine."""
 
-    def __init__(self, machine, *arguments, **options):
+    def __init__(self, machine, *arguments, program=PROGRAMS / "qv_host.exe", **options):
         self.machine = machine
-        self.program = machine.start(PROGRAMS / "qv_host.exe", *arguments, **options)
+        self.program = machine.start(program, *arguments, **options)
         wait_for("the host's log", lambda: self.log_has("server up "), 30)
 
     @property
@@ -539,9 +539,9 @@ class Host:
 class Viewer:
     """qv_client running on a machine."""
 
-    def __init__(self, machine, *arguments):
+    def __init__(self, machine, *arguments, program=PROGRAMS / "qv_client.exe"):
         self.machine = machine
-        self.program = machine.start(PROGRAMS / "qv_client.exe", *arguments)
+        self.program = machine.start(program, *arguments)
 
     def wait_connected(self, seconds=WAIT_SECONDS):
         """Waits for the window. Returns it."""
