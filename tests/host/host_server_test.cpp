@@ -669,6 +669,46 @@ TEST_CASE("a hello counts by its low byte, its exact length and nothing else")
     stop_direct();
 }
 
+TEST_CASE("what is not sealed ends the connection, and the answer is never plain")
+{
+    // A hello and more, as they would look without encryption.
+    uint8_t plain[512] = {};
+    put_header(plain, MSG_CLIENT_HELLO, CLIENT_HELLO_BYTES);
+    put_client_hello(plain + MESSAGE_HEADER_BYTES, 3, "viewer-box");
+
+    // What came before it, and how many bytes the host says altogether: its public key, its
+    // confirmation and the sealed hello.
+    struct {
+        bool handshake, sealed_hello;
+        size_t answer;
+    } rows[] = {{false, false, 32}, {true, false, 0}, {true, true, 0}};
+    start_direct();
+    for (auto &row : rows) {
+        CAPTURE(row.handshake);
+        CAPTURE(row.sealed_hello);
+        test_viewer v;
+        v.sock = connect_host();
+        if (row.handshake)
+            REQUIRE(v.log_in("secret"));
+        if (row.sealed_hello) {
+            v.send_hello();
+            v.receive_hello();
+        }
+        REQUIRE(net_send_all(v.sock, plain, sizeof plain));
+        size_t heard = 0;
+        uint8_t byte;
+        if (row.sealed_hello)
+            v.drain(); // frames until then, each of which opens
+        else
+            while (net_recv_all(v.sock, &byte, 1, {true, clock_ms() + 20000}))
+                heard++;
+        CHECK(heard == row.answer);
+        CHECK(wait_until([&] { return last_state() == HOST_WAITING; }));
+    }
+    serve_one_more();
+    stop_direct();
+}
+
 TEST_CASE("a bad hello costs no pause")
 {
     start_direct();
