@@ -143,8 +143,9 @@ static void run_session(net_socket sock, const client_hello &hello)
     net_set_send_buffer(sock, SEND_BUFFER_BYTES);
 
     // The screen may have changed its size since the last session; the hello is the one
-    // place to say so. (GDI capture keeps the size that it started with.)
-    if (capture_is_duplication())
+    // place to say so. (GDI capture keeps the size that it started with.) Or there was no
+    // memory for it, and now there is.
+    if (capture_is_duplication() || screen.screen_width.load() == 0)
         (void)capture_step();
     send_server_hello();
 

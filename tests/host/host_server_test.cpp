@@ -743,6 +743,33 @@ TEST_CASE("duplication brings the hello up to date with the screen, GDI does not
     }
 }
 
+TEST_CASE("a screen that could not be had is asked for again before the hello")
+{
+    net_start();
+    prepare(0);
+    desktop_reset(0, 0, false);
+    launch();
+    REQUIRE(wait_line("server up on port 7777, dxgi=0"));
+    REQUIRE(wait_until([] { return last_state() == HOST_WAITING; }));
+    CHECK(host::screen.screen_width == 0);
+    {
+        test_viewer v; // nor can it be had now
+        server_hello hello = v.join_direct();
+        CHECK(hello.width == 0);
+        CHECK(hello.height == 0);
+    }
+    CHECK(wait_line(DISCONNECTED));
+    desktop_resize(320, 64);
+    {
+        test_viewer v;
+        server_hello hello = v.join_direct();
+        CHECK(hello.width == 320);
+        CHECK(hello.height == 64);
+    }
+    CHECK(wait_line(DISCONNECTED, 2));
+    stop_direct();
+}
+
 // ---------------------------------------------------------------------------------------
 // Deadlines
 
