@@ -1,4 +1,5 @@
 #include "host/tile_hash.h"
+#include "protocol/bytes.h"
 #include "tests/test.h"
 
 #include <string.h>
@@ -33,4 +34,14 @@ TEST_CASE("each word counts, and so does its place")
     for (int i = 1; i < TILE_BYTES / 8; i++)
         equal += seen[i] == seen[i - 1];
     CHECK(equal == 0);
+}
+
+TEST_CASE("a hash that would be 0 is 1, since 0 marks what is not cached")
+{
+    memset(tile, 0, sizeof tile);
+    store_le64(tile + TILE_BYTES - 8, TILE_HASH_VANISHING_WORD);
+    CHECK(tile_hash(tile) == 1);
+    // No other last word does that: each step is one to one.
+    store_le64(tile + TILE_BYTES - 8, TILE_HASH_VANISHING_WORD ^ 1);
+    CHECK(tile_hash(tile) > 1);
 }
