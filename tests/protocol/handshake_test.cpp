@@ -375,21 +375,24 @@ TEST_CASE("without random bytes the handshake fails before anything is sent")
 
 #ifndef _WIN32
 
-// One host's handshake, on a stack that can be looked at when it is over.
+// One side's handshake, on a stack that can be looked at when it is over.
 namespace
 {
-struct host_on_stack {
+struct side_on_stack {
     secure_channel channel;
     net_socket sock;
+    const char *password; // the viewer's; null for a host
     bool ok;
 };
 } // namespace
 
-static void *run_host_on_stack(void *parameter)
+static void *run_side_on_stack(void *parameter)
 {
-    host_on_stack *h = (host_on_stack *)parameter;
-    h->ok = handshake_as_host(&h->channel, h->sock, read_host_password, NO_DEADLINE);
-    net_abort(h->sock);
+    side_on_stack *s = (side_on_stack *)parameter;
+    s->ok = s->password
+                ? handshake_as_viewer(&s->channel, s->sock, s->password)
+                : handshake_as_host(&s->channel, s->sock, read_host_password, NO_DEADLINE);
+    net_abort(s->sock);
     return nullptr;
 }
 
@@ -398,11 +401,11 @@ static bool contains(const std::vector<uint8_t> &bytes, const void *what, size_t
     return memmem(bytes.data(), bytes.size(), what, n) != nullptr;
 }
 
-TEST_CASE("no way out of the handshake leaves a secret on the stack")
+// Runs one side against these bytes of its peer, with the passwords of a vector, and looks
+// at what it left.
+static void check_stack(const handshake_vector &v, bool as_viewer,
+                        const std::vector<uint8_t> &whole)
 {
-    const handshake_vector &v = HANDSHAKES[1];
-    REQUIRE(strlen(v.password) >= 6); // not there by accident
-    std::vector<uint8_t> whole = join(v.viewer_key, v.client_confirm);
     std::vector<uint8_t> wrong = whole;
     wrong.back() ^= 1;
     const std::vector<uint8_t> scripts[] = {
@@ -412,33 +415,50 @@ TEST_CASE("no way out of the handshake leaves a secret on the stack")
         whole,
     };
     for (const std::vector<uint8_t> &bytes : scripts) {
+        CAPTURE(as_viewer);
         CAPTURE(bytes.size());
-        script_secret(v.host_secret);
+        script_secret(as_viewer ? v.viewer_secret : v.host_secret);
         set_host_password(v.password);
         socket_pair p = socket_pair_open();
-        REQUIRE(net_send_all(p.viewer, bytes.data(), bytes.size()));
+        net_socket peer = as_viewer ? p.host : p.viewer;
+        REQUIRE(net_send_all(peer, bytes.data(), bytes.size()));
 
         std::vector<uint8_t> stack(1 << 20);
-        host_on_stack host = {{}, p.host, false};
+        side_on_stack side = {{}, as_viewer ? p.viewer : p.host, nullptr, false};
+        if (as_viewer)
+            side.password = v.password;
         pthread_attr_t attributes;
         pthread_t t;
         REQUIRE(pthread_attr_init(&attributes) == 0);
         REQUIRE(pthread_attr_setstack(&attributes, stack.data(), stack.size()) == 0);
-        REQUIRE(pthread_create(&t, &attributes, run_host_on_stack, &host) == 0);
+        REQUIRE(pthread_create(&t, &attributes, run_side_on_stack, &side) == 0);
         pthread_attr_destroy(&attributes);
         if (bytes.size() < whole.size())
-            net_abort(p.viewer);
+            net_abort(peer);
         REQUIRE(pthread_join(t, nullptr) == 0);
 
-        CHECK(host.ok == (bytes == whole));
-        CHECK_FALSE(contains(stack, v.host_secret, KEY));
-        CHECK_FALSE(contains(stack, v.client_confirm, CONFIRM));
+        CHECK(side.ok == (bytes == whole));
+        CHECK_FALSE(contains(stack, as_viewer ? v.viewer_secret : v.host_secret, KEY));
+        CHECK_FALSE(contains(stack, v.shared_secret, KEY));
+        CHECK_FALSE(contains(stack, v.session_key, KEY));
+        // The confirmation that it expected is a secret until it comes.
+        if (bytes != whole)
+            CHECK_FALSE(
+                contains(stack, as_viewer ? v.server_confirm : v.client_confirm, CONFIRM));
         CHECK_FALSE(contains(stack, v.c2s, KEY));
         CHECK_FALSE(contains(stack, v.s2c, KEY));
         CHECK_FALSE(contains(stack, v.password, strlen(v.password)));
-        channel_reset(&host.channel);
+        channel_reset(&side.channel);
         socket_pair_close(&p);
     }
+}
+
+TEST_CASE("no way out of the handshake leaves a secret on the stack")
+{
+    const handshake_vector &v = HANDSHAKES[1];
+    REQUIRE(strlen(v.password) >= 6); // not there by accident
+    check_stack(v, false, join(v.viewer_key, v.client_confirm));
+    check_stack(v, true, join(v.host_key, v.server_confirm));
 }
 
 #endif

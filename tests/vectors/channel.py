@@ -75,6 +75,7 @@ struct handshake_vector {
     const char *password;
     uint8_t viewer_secret[32], viewer_key[32];
     uint8_t host_secret[32], host_key[32];
+    uint8_t shared_secret[32], session_key[32];
     uint8_t client_confirm[16], server_confirm[16];
     uint8_t c2s[32], s2c[32];
     uint8_t host_first[20 + 10];   // the host's first record, plain text "from  host"
@@ -107,7 +108,7 @@ for password in [b"", b"abc12345", b"0123456789abcdef0123456789ABCDEF"]:
     key = session_key(shared, v, h, password)
     c2s, s2c = blake2b(32, b"c2s", key), blake2b(32, b"s2c", key)
     rows.append(['"%s"' % password.decode()] + [array(x) for x in (
-        VIEWER_SECRET, v, HOST_SECRET, h,
+        VIEWER_SECRET, v, HOST_SECRET, h, shared, key,
         blake2b(16, b"c-confirm", key), blake2b(16, b"s-confirm", key), c2s, s2c,
         record(s2c, 0, b"from  host"), record(s2c, 1, b""), record(c2s, 0, b"from  viewer"))])
 table("handshake_vector", "HANDSHAKES", rows)
