@@ -14,6 +14,10 @@
 #include <atomic>
 #include <string.h>
 #include <vector>
+#ifndef _WIN32
+#include <sys/socket.h>
+#include <unistd.h>
+#endif
 
 static constexpr net_deadline NO_DEADLINE = {};
 static constexpr uint32_t LONG_MS = 60000;
@@ -594,6 +598,43 @@ TEST_CASE("buffers grow to the need and 4096 bytes more, and then serve every re
     }
     close_linked(&l);
 }
+
+#ifndef _WIN32
+
+// Over a socket that keeps the bounds of each send, where a receive takes one send.
+TEST_CASE("a record leaves in one piece, header included, and a long one in pieces of 64 KiB")
+{
+    int ends[2];
+    REQUIRE(socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends) == 0);
+    secure_channel channel = {};
+    start_sealed(&channel, (net_socket)ends[0]);
+    const struct {
+        size_t len;
+        std::vector<size_t> sends;
+    } rows[] = {
+        {0, {20}},           {1, {21}},
+        {5000, {5020}},      {65516, {65536}},                      // 65516 + 20
+        {65517, {65536, 1}}, {200000, {65536, 65536, 65536, 3412}}, // 200020 - 3 * 65536
+    };
+    for (const auto &row : rows) {
+        CAPTURE(row.len);
+        std::vector<uint8_t> data = pattern(row.len);
+        send_task task = {&channel.sender, data.data(), data.size(), false};
+        thread *t = thread_start(run_send, &task);
+        REQUIRE(t);
+        for (size_t expected : row.sends) {
+            static uint8_t piece[1 << 18];
+            CHECK(recv(ends[1], piece, sizeof piece, 0) == (ssize_t)expected);
+        }
+        REQUIRE(thread_join(t, LONG_MS));
+        CHECK(task.ok);
+    }
+    channel_reset(&channel);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+#endif
 
 TEST_CASE("a reset leaves nothing, and the next connection starts at counter 0")
 {
