@@ -17,6 +17,7 @@
 #include "tests/fakes/cursor_script.h"
 #include "tests/fakes/flush_record.h"
 #include "tests/fakes/server_log_record.h"
+#include "tests/host/lz4_plain.h"
 #include "tests/host/test_desktop.h"
 #include "tests/host/viewer_model.h"
 #include "tests/test.h"
@@ -300,6 +301,30 @@ TEST_CASE("noise goes raw and what compresses goes as the difference from what w
     CHECK(frame[0].payload[4] == 0);
     CHECK(frame[0].payload.size() < 200);
     CHECK(picture_right());
+}
+
+TEST_CASE("a difference that compresses to 16383 bytes is sent, one of 16384 is not")
+{
+    for (size_t size : {16383, 16384}) {
+        CAPTURE(size);
+        start(64, 64, 0);
+        test_random random = test_random_seeded("barely");
+        fill_noise(whole(), &random);
+        // Noise in which one piece is repeated; the longer it is, the shorter the block. The
+        // viewer still shows zeros, so the difference is the picture itself.
+        const std::vector<uint8_t> noise = desktop.pixels;
+        size_t repeated = 4;
+        do {
+            REQUIRE(repeated < 1000);
+            desktop.pixels = noise;
+            memcpy(&desktop.pixels[8000], &noise[4000], repeated++);
+        } while (lz4_compress_plain(desktop.pixels).size() != size);
+        std::vector<model_message> frame = step();
+        REQUIRE(frame.size() == 2);
+        CHECK(frame[0].payload[4] == (size == 16384));
+        CHECK(frame[0].payload.size() == 13 + size);
+        CHECK(picture_right());
+    }
 }
 
 TEST_CASE("a change of the fourth byte of one pixel is a change")
