@@ -6,12 +6,14 @@
 
 std::vector<uint8_t> memory_incoming;
 std::vector<std::vector<uint8_t>> memory_sent;
+bool memory_send_fails;
 static size_t taken;
 
 void memory_reset()
 {
     memory_incoming.clear();
     memory_sent.clear();
+    memory_send_fails = false;
     taken = 0;
 }
 
@@ -27,7 +29,7 @@ void viewer_channel_init()
 bool viewer_send(const uint8_t *data, uint64_t len)
 {
     memory_sent.emplace_back(data, data + len);
-    return true;
+    return !memory_send_fails;
 }
 
 bool viewer_recv(uint8_t *dest, uint64_t n)
@@ -46,7 +48,7 @@ bool viewer_send_frame_ack(const uint8_t payload[FRAME_ACK_BYTES])
     put_header(message.data(), MSG_FRAME_ACK, FRAME_ACK_BYTES);
     memcpy(message.data() + MESSAGE_HEADER_BYTES, payload, FRAME_ACK_BYTES);
     memory_sent.push_back(message);
-    return true;
+    return !memory_send_fails;
 }
 
 bool viewer_send_cache_miss(const tile_ref &ref)
@@ -55,7 +57,7 @@ bool viewer_send_cache_miss(const tile_ref &ref)
     put_header(message.data(), MSG_CACHE_MISS, CACHE_MISS_BYTES);
     put_tile_ref(message.data() + MESSAGE_HEADER_BYTES, ref);
     memory_sent.push_back(message);
-    return true;
+    return !memory_send_fails;
 }
 
 bool viewer_send_mouse(const mouse_event &mouse)
@@ -64,7 +66,7 @@ bool viewer_send_mouse(const mouse_event &mouse)
     put_header(message.data(), MSG_MOUSE, MOUSE_BYTES);
     put_mouse(message.data() + MESSAGE_HEADER_BYTES, mouse);
     memory_sent.push_back(message);
-    return true;
+    return !memory_send_fails;
 }
 
 bool viewer_send_key(uint16_t virtual_key, bool press)
@@ -73,7 +75,7 @@ bool viewer_send_key(uint16_t virtual_key, bool press)
     put_header(message.data(), MSG_KEY, KEY_BYTES);
     store_le32(message.data() + MESSAGE_HEADER_BYTES, virtual_key | (press ? KEY_PRESS : 0));
     memory_sent.push_back(message);
-    return true;
+    return !memory_send_fails;
 }
 
 } // namespace viewer

@@ -8,8 +8,9 @@
 
 extern std::vector<uint8_t> memory_incoming; // receives fail at its end
 extern std::vector<std::vector<uint8_t>> memory_sent;
+extern bool memory_send_fails; // sends are kept and report failure
 
-// Empties both.
+// Empties both; sends succeed.
 void memory_reset();
 
 #endif

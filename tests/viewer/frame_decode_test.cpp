@@ -912,6 +912,22 @@ TEST_CASE("a short frame end echoes what earlier messages left")
     CHECK(posted_closes == 1);
 }
 
+TEST_CASE("an answer that cannot be sent changes nothing else")
+{
+    opened_frame f(64, 64);
+    memory_send_fails = true;
+    incoming(MSG_TILE_REF, ref_message(0, 0, 4));
+    incoming(MSG_FRAME_END, bytes(8));
+    incoming(MSG_TILE, tile_message(0, 0, 1, 0, WHOLE_TILE));
+    viewer_recv_thread(nullptr);
+    CHECK(memory_sent.size() == 2); // tried once each
+    CHECK(statistics.stat_misses == 1);
+    CHECK(statistics.stat_frames == 1);
+    CHECK(posted_repaints == 1);
+    CHECK(tile_shown(0, 0) == WHOLE_TILE);
+    CHECK(posted_closes == 1);
+}
+
 TEST_CASE("only the low byte of the type decides")
 {
     opened_frame f(64, 64);
