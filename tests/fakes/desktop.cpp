@@ -6,6 +6,7 @@
 #include "host/screen.h"
 #include "protocol/clock.h"
 
+#include <atomic>
 #include <mutex>
 
 static std::mutex guard;
@@ -15,6 +16,7 @@ static uint8_t colour;
 static bool painted; // the colour is to be captured
 static int captures;
 static std::vector<std::string> calls;
+static std::atomic<void (*)()> on_capture;
 
 void desktop_reset(int32_t new_width, int32_t new_height, bool new_duplication)
 {
@@ -26,6 +28,12 @@ void desktop_reset(int32_t new_width, int32_t new_height, bool new_duplication)
     painted = false;
     captures = 0;
     calls.clear();
+    on_capture = nullptr;
+}
+
+void desktop_on_capture(void (*called)())
+{
+    on_capture = called;
 }
 
 void desktop_paint(uint8_t byte)
@@ -84,6 +92,8 @@ bool capture_is_duplication()
 
 capture_result capture_step()
 {
+    if (auto called = on_capture.load())
+        called();
     clock_sleep_ms(2);
     std::lock_guard<std::mutex> held(guard);
     captures++;

@@ -15,6 +15,9 @@ void desktop_reset(int32_t width, int32_t height, bool duplication);
 void desktop_paint(uint8_t byte);
 void desktop_resize(int32_t width, int32_t height);
 
+// Called at the start of every capture, on the server's thread; null for none.
+void desktop_on_capture(void (*called)());
+
 // The calls so far, in order: "dpi", "real-time", "start"; captures are only counted.
 std::vector<std::string> desktop_calls();
 int desktop_captures();

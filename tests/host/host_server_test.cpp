@@ -664,7 +664,38 @@ TEST_CASE("a hello counts by its low byte, its exact length and nothing else")
         CHECK(wait_until([&] { return identity_script_states().size() == states_before + 1; }));
         CHECK(last_state() == HOST_WAITING);
         CHECK(server_lines().size() == lines_before);
+        CHECK_FALSE(channel_is_clean()); // kept on purpose, until the next handshake
     }
+    serve_one_more();
+    stop_direct();
+    CHECK(channel_is_clean());
+}
+
+// The connection that ends under its session's first capture.
+static std::atomic<net_socket> broken_connection;
+
+TEST_CASE("a host's hello that cannot be sent shows when the session begins")
+{
+    start_direct(true);
+    {
+        test_viewer v;
+        v.sock = connect_host();
+        REQUIRE(v.log_in("secret"));
+        broken_connection = v.sock;
+        // Between the viewer's hello and the host's there is one capture. The connection ends
+        // in it, from the server's side, whose next send fails for certain.
+        desktop_on_capture([] {
+            net_abort(find_peer(broken_connection));
+            desktop_on_capture(nullptr);
+        });
+        v.send_hello();
+        std::vector<uint8_t> payload;
+        CHECK(v.receive(&payload) == 0);
+    }
+    CHECK(wait_line(DISCONNECTED));
+    CHECK(server_lines() == lines{"server up on port 7777, dxgi=1",
+                                  "client connected: viewer-box, caps=3 (text=1 cache=1)",
+                                  NO_TILES, DISCONNECTED});
     serve_one_more();
     stop_direct();
 }
