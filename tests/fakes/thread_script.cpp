@@ -24,10 +24,16 @@ struct thread {
 };
 
 static std::atomic<bool> refuse_next;
+static std::atomic<uint32_t> join_limit;
 
 void thread_script_refuse_next()
 {
     refuse_next = true;
+}
+
+uint32_t thread_script_join_limit()
+{
+    return join_limit;
 }
 
 thread *thread_start(void (*routine)(void *), void *argument)
@@ -46,6 +52,7 @@ thread *thread_start(void (*routine)(void *), void *argument)
 
 bool thread_join(thread *t, uint32_t limit_ms)
 {
+    join_limit = limit_ms;
     bool done = true;
     if (limit_ms != THREAD_WAIT_FOREVER) {
         std::unique_lock<std::mutex> held(t->end->guard);

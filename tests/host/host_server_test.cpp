@@ -1021,6 +1021,7 @@ TEST_CASE("a control thread that is stuck does not hold the next session up")
     test_viewer second;
     second.join_direct("secret", 3, "second");
     REQUIRE(input_record_blocked());
+    CHECK(thread_script_join_limit() == 1000);
     auto calls = input_record_calls();
     REQUIRE(calls.size() == 2);
     CHECK(calls[1][0].virtual_key == 0x10);
