@@ -2,10 +2,10 @@
 // make fail:
 //
 //   // Fakes: allocation_script
-//   // Wraps: malloc calloc realloc _ZnwmRKSt9nothrow_t _ZnamRKSt9nothrow_t fopen fdopen
-//   //        pthread_create
+//   // Wraps: malloc calloc realloc _ZnwmRKSt9nothrow_t _ZnamRKSt9nothrow_t
+//   // Wraps: fopen fdopen pthread_create
 //
-// (on one line). The linker sends the calls of all objects of the program here. What a test
+// The linker sends the calls of all objects of the program here. What a test
 // itself uses comes from elsewhere and never fails: the throwing new behind containers,
 // std::thread, and what the C library allocates for itself.
 #ifndef QV_TESTS_FAKES_ALLOCATION_SCRIPT_H

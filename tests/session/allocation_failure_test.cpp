@@ -1,7 +1,7 @@
 // Locks: ports
 // Fakes: allocation_script capture_edges clock_script input_record window_none
-// Wraps: malloc calloc realloc _ZnwmRKSt9nothrow_t _ZnamRKSt9nothrow_t fopen fdopen
-// pthread_create
+// Wraps: malloc calloc realloc _ZnwmRKSt9nothrow_t _ZnamRKSt9nothrow_t
+// Wraps: fopen fdopen pthread_create
 //
 // Host and viewer when the system has no more memory, files or threads to give.
 //
