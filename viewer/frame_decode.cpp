@@ -2,7 +2,17 @@
 //
 // The receive thread reads one message at a time. The payload is read outside the lock, so
 // that the window can paint while a large one arrives; applying it is one stretch under
-// frame_lock, the answer to the host included (order: frame lock, then the send lock).
+// frame_lock, the answer to the host included (order: frame lock, then the send lock). Only
+// moves can take a host's word for hours of work in one message: more of them than any
+// honest frame has are applied in several stretches, between which the window may paint and
+// the session may end. (It may paint between two messages of a frame just as well: what it
+// is asked to paint is a finished frame, what it paints is what is there.) A lock that is
+// left and taken again at once may never pass to who waits for it, so from time to time the
+// receive thread looks whether the window waits, and lets it in.
+//
+// An answer is sent under frame_lock, so a host that reads nothing can keep the window from
+// painting until the send times out. Sending after the lock was left would not help: the
+// window's own input waits for the same connection.
 //
 // Everything here comes from the host and is trusted in nothing. A message that does not fit
 // its layout, the tile grid or the screen is dropped in silence and the session goes on;
@@ -14,6 +24,7 @@
 #include "viewer/frame_decode.h"
 
 #include "host/lz4_block.h"
+#include "protocol/clock.h"
 #include "viewer/tile_cache.h"
 #include "viewer/viewer_channel.h"
 #include "viewer/viewer_window.h"
@@ -27,6 +38,10 @@ namespace viewer
 lock frame_lock;
 frame_record frame;
 frame_statistics statistics;
+std::atomic<bool> viewer_ending;
+
+// The window waits for frame_lock. The receive thread looks at it from time to time.
+static std::atomic<bool> window_waits;
 
 constexpr int32_t FRAME_SIDE_MAX = 0x7FFFFFC0; // the largest that still rounds up to tiles
 constexpr int32_t TEXT_CELL_BYTES = 3;
@@ -39,6 +54,14 @@ static_assert(TEXT_SCRATCH_TAIL == 196607);
 // Growth of the receive buffer beyond what is needed now, and its first size.
 constexpr uint64_t RECV_SLACK_BYTES = 4096;
 static_assert(RECV_SLACK_BYTES >= FRAME_ACK_BYTES);
+
+// Work under frame_lock after which the window gets its turn if it waits, and beyond which
+// no stretch of moves goes. The unit is a pixel moved; a row costs as much as this many pixels
+// on top, and a message as much as this many (a tile's decompression, say). The limit is then
+// that of 32 screens of 1920 x 1080 moved, some 20 ms, or of 4096 tiles.
+constexpr uint64_t WORK_MAX = 1u << 26;
+constexpr uint64_t ROW_WORK = 64;
+constexpr uint64_t MESSAGE_WORK = 16384;
 
 // The XOR of one tile, decompressed.
 static uint8_t tile_scratch[TILE_BYTES] GUARDED_BY(frame_lock);
@@ -54,6 +77,7 @@ static void frame_free() REQUIRES(frame_lock)
 bool frame_open(int32_t width, int32_t height)
 {
     lock_init(&frame_lock); // for whoever decodes without a session; harmless otherwise
+    viewer_ending = false;
 
     if (width < 1 || height < 1 || width > FRAME_SIDE_MAX || height > FRAME_SIDE_MAX)
         return false;
@@ -81,6 +105,13 @@ bool frame_open(int32_t width, int32_t height)
     statistics.stat_hits = 0;
     statistics.stat_misses = 0;
     return opened;
+}
+
+void frame_lock_for_window()
+{
+    window_waits = true;
+    lock_enter(&frame_lock);
+    window_waits = false;
 }
 
 void frame_close()
@@ -385,12 +416,61 @@ static bool payload_reserve(payload_buffer *buffer, uint64_t length)
     return true;
 }
 
+static uint64_t move_work(const copy_rect &r)
+{
+    if (r.w <= 0 || r.h <= 0)
+        return ROW_WORK;
+    return ROW_WORK + (uint64_t)r.h * ((uint64_t)r.w + ROW_WORK); // below 2^63
+}
+
+// How many bytes of a MSG_COPY_RECTS payload make one stretch under frame_lock: at least one
+// rectangle, and the odd bytes at the end with the last one. Adds their work.
+static uint32_t moves_for_one_hold(const uint8_t *payload, uint32_t length, uint64_t *work)
+{
+    uint32_t end = 0;
+    uint64_t moved = 0;
+    while (length - end >= COPY_RECT_BYTES && moved < WORK_MAX) {
+        moved += move_work(get_copy_rect(payload + end));
+        end += COPY_RECT_BYTES;
+    }
+    *work += moved;
+    return length - end < COPY_RECT_BYTES ? length : end;
+}
+
+// Lets the window into frame_lock once enough work has been done since it was asked last. Not
+// at once: what an honest host sends together is best shown together.
+static void let_window_in(uint64_t *work)
+{
+    if (*work < WORK_MAX)
+        return;
+    *work = 0;
+    while (window_waits)
+        clock_sleep_ms(0); // it has the lock as soon as it runs
+}
+
+// Applies one message. *work is what was done since the window was last let in.
+static void apply_message(uint8_t type, const uint8_t *payload, uint32_t length, uint64_t *work)
+{
+    do {
+        uint32_t part =
+            type == MSG_COPY_RECTS ? moves_for_one_hold(payload, length, work) : length;
+        lock_enter(&frame_lock);
+        frame_apply(type, payload, part);
+        lock_leave(&frame_lock);
+        *work += MESSAGE_WORK;
+        let_window_in(work);
+        payload += part;
+        length -= part;
+    } while (length > 0 && !viewer_ending);
+}
+
 void viewer_recv_thread(void *)
 {
     payload_buffer payload = {(uint8_t *)calloc(RECV_SLACK_BYTES, 1), RECV_SLACK_BYTES};
     uint8_t header_bytes[MESSAGE_HEADER_BYTES];
+    uint64_t work = 0;
 
-    while (payload.bytes && viewer_recv(header_bytes, sizeof header_bytes)) {
+    while (payload.bytes && !viewer_ending && viewer_recv(header_bytes, sizeof header_bytes)) {
         message_header header = get_header(header_bytes);
         if (!payload_reserve(&payload, header.length))
             break;
@@ -398,9 +478,7 @@ void viewer_recv_thread(void *)
             break;
         statistics.stat_bytes.fetch_add(header.length + MESSAGE_HEADER_BYTES,
                                         std::memory_order_relaxed);
-        lock_enter(&frame_lock);
-        frame_apply(header.type, payload.bytes, header.length);
-        lock_leave(&frame_lock);
+        apply_message(header.type, payload.bytes, header.length, &work);
     }
     free(payload.bytes);
     viewer_window_post_close();

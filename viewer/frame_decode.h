@@ -44,6 +44,15 @@ struct frame_record {
 
 extern frame_record frame GUARDED_BY(frame_lock);
 
+// The window's way to frame_lock; it leaves by lock_leave. However busy the receive thread is
+// with what the host sent, it lets a window that waits here in before long.
+void frame_lock_for_window() ACQUIRE(frame_lock);
+
+// Set when the session is about to end, by viewer_session_abort; cleared by frame_open. The
+// receive thread then ends without working through what it has already received. A word of
+// its own: whoever sets it must not wait for the lock.
+extern std::atomic<bool> viewer_ending;
+
 // Counters since connect; atomic, read by the window without the lock.
 struct frame_statistics {
     std::atomic<uint32_t> stat_bytes, stat_frames, stat_hits, stat_misses;
@@ -65,8 +74,8 @@ void dirty_union(int64_t x0, int64_t y0, int64_t x1, int64_t y1) REQUIRES(frame_
 // at least 8 bytes. Bytes are trusted in nothing; what is malformed is dropped.
 void frame_apply(uint8_t type, const uint8_t *payload, uint32_t length) REQUIRES(frame_lock);
 
-// The receive thread's routine: applies messages until a receive fails, then asks the window
-// to close. The argument is not used.
+// The receive thread's routine: applies messages until a receive fails or viewer_ending is
+// set, then asks the window to close. The argument is not used.
 void viewer_recv_thread(void *);
 
 } // namespace viewer

@@ -165,7 +165,7 @@ void *view_paint(void *window_dc, int32_t client_width, int32_t client_height,
     bool usable = back_buffer_fit((HDC)window_dc, client_width, client_height, &is_new);
     HDC dc = back_buffer.dc;
 
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     view_geometry now =
         view_fit(client_width, client_height, frame.frame_width, frame.frame_height);
     // Where nothing of the picture is visible, all is black, whatever the buffer held.

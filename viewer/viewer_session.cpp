@@ -11,9 +11,9 @@
 //   teardown
 //
 // Whichever way the road is left, teardown() is the one way out, and it copes with a session
-// that got only part of the way. Its order matters: the socket is aborted, which ends the
-// receive thread's blocked call; the thread is joined; only then is anything closed, wiped
-// or freed that it may still have been using.
+// that got only part of the way. Its order matters: the session is marked as ending and its
+// socket aborted, which ends the receive thread's work and its blocked call; the thread is
+// joined; only then is anything closed, wiped or freed that it may still have been using.
 //
 // What is printed may be read through a pipe by whoever waits for it, so every line is
 // flushed at once.
@@ -102,7 +102,7 @@ static bool receive_hello(server_hello *hello)
 // Undoes whatever there is of a session.
 static void teardown()
 {
-    net_abort(session.viewer_socket);
+    viewer_session_abort();
     if (session.receiver)
         thread_join(session.receiver, THREAD_WAIT_FOREVER);
     net_close(session.viewer_socket);
@@ -181,6 +181,7 @@ int viewer_session_run(const char *host, const char *port, bool via_relay, const
 
 void viewer_session_abort()
 {
+    viewer_ending = true;
     net_abort(session.viewer_socket);
 }
 

@@ -50,7 +50,7 @@ static struct {
 static void on_repaint_request(HWND hwnd)
 {
     repaint_posted = false; // before the look: what comes after it asks again
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     bool dirty = frame.dirty_valid;
     frame_rect rect = frame.dirty_rect;
     frame.dirty_valid = false;
@@ -79,7 +79,7 @@ static void on_paint(HWND hwnd)
 
 static void on_title_timer(HWND hwnd)
 {
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     bool text_active = frame.text_active;
     lock_leave(&frame_lock);
     char title[TITLE_SIZE];
@@ -146,7 +146,7 @@ static void on_destroy()
     // First of all: the receive thread may hold the frame lock while it waits for a host
     // that does not read, and this ends its wait.
     viewer_session_abort();
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     tile_cache_close();
     lock_leave(&frame_lock);
     PostQuitMessage(0);
@@ -232,7 +232,7 @@ bool viewer_window_open(const char *host_name)
 {
     window = {};
     copy_text(window.host_name, sizeof window.host_name, host_name);
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     window.frame_width = frame.frame_width;
     window.frame_height = frame.frame_height;
     lock_leave(&frame_lock);

@@ -105,7 +105,7 @@ void viewer_window_run()
         changed.wait(hold, [] { return state.closing; });
     }
     viewer_session_abort();
-    lock_enter(&frame_lock);
+    frame_lock_for_window();
     tile_cache_close();
     lock_leave(&frame_lock);
 }

@@ -780,6 +780,45 @@ TEST_CASE("closing the window does not wait for a host that reads nothing")
     check_nothing_left();
 }
 
+TEST_CASE("closing the window does not wait for the work that a host has sent")
+{
+    // One record full of whole-screen moves: minutes of work.
+    std::atomic<bool> over = false;
+    uint32_t ms_to_close = 0;
+    window_none_reset();
+    uint16_t port = 0;
+    net_socket listener = test_listen(&port, 1);
+    std::thread host([&] {
+        host_end h = {};
+        h.sock = net_accept(listener);
+        greeting(1920, 1080, 3, [&](host_end &end) {
+            bytes moves(600000 * COPY_RECT_BYTES);
+            for (size_t at = 0; at < moves.size(); at += COPY_RECT_BYTES)
+                put_copy_rect(
+                    &moves[at],
+                    {.src_x = 0, .src_y = 0, .dst_x = 0, .dst_y = 1, .w = 1920, .h = 1079});
+            end.send(message(MSG_COPY_RECTS, moves));
+            while (statistics.stat_bytes < moves.size()) // until it is being applied
+                clock_sleep_ms(1);
+            uint32_t closed_at = clock_ms();
+            window_none_close();
+            while (!over)
+                clock_sleep_ms(10);
+            ms_to_close = clock_ms() - closed_at;
+        })(h);
+        net_abort(h.sock);
+        channel_reset(&h.channel);
+        net_close(h.sock);
+    });
+    session_outcome o = run_session("127.0.0.1", std::to_string(port).c_str(), {});
+    over = true;
+    host.join();
+    net_close(listener);
+    CHECK(o.result == 0);
+    CHECK(ms_to_close < 60000);
+    check_nothing_left();
+}
+
 TEST_CASE("a window that cannot be created ends the session in silence")
 {
     bool gone = false;
