@@ -13,6 +13,7 @@
 // piece of memory that holds its process number, whose creation is the claim, and the stop
 // event, made after the number is in place. `-q` sets the event and waits for the process
 // itself, so that when it returns, port and files are free for the next.
+#include "host/host_cli.h"
 #include "host/host_server.h"
 
 #include "identity/data_dir.h"
@@ -22,7 +23,6 @@
 #include "protocol/win32.h"
 
 #include <stdio.h>
-#include <string.h>
 
 static const char PID_NAME[] = "Local\\qv_host_pid";
 static const char STOP_NAME[] = "Local\\qv_host_stop";
@@ -149,11 +149,15 @@ static int run(int32_t relay_mode)
 int main(int argc, char **argv)
 {
     system_library_restrict();
-    if (argc < 2)
+    switch (host::host_parse_arguments(argc, argv)) {
+    case host::HOST_RUN_DIRECT:
         return run(0);
-    if (argc == 2 && strcmp(argv[1], "-r") == 0)
+    case host::HOST_RUN_RELAY:
         return run(1);
-    if (argc == 2 && strcmp(argv[1], "-q") == 0)
+    case host::HOST_QUIT:
         return quit_running();
+    case host::HOST_USAGE:
+        break;
+    }
     return usage();
 }
