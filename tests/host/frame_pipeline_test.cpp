@@ -837,6 +837,22 @@ TEST_CASE("tiles outside a smaller screen count towards the budget")
     CHECK(picture_right());
 }
 
+TEST_CASE("tiles outside a much smaller screen are sent in frames that fit a record")
+{
+    start(3840, 2160, 0); // 60 by 34 = 2040 tiles
+    fill(whole(), RED);
+    step();
+    resize_desktop(64, 64);
+    fill(whole(), GREEN);
+    CHECK(step().empty());
+    // 1023 raw tiles leave no room for a pointer and the frame's end: 1023 * 16405 + 33 is
+    // more than 16777216.
+    CHECK(tiles_in(step()).size() == 1022);
+    CHECK(tiles_in(step()).size() == 1018);
+    CHECK(picture_right());
+    CHECK(step().empty());
+}
+
 TEST_CASE("a larger screen is shown as far as the viewer's grid goes")
 {
     start(128, 100);

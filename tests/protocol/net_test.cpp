@@ -132,6 +132,21 @@ TEST_CASE("abort tells the peer that the connection is over")
     socket_pair_close(&p);
 }
 
+TEST_CASE("an aborted socket keeps its handle until its owner closes it")
+{
+    socket_pair p = socket_pair_open();
+    net_abort(p.host);
+    for (int i = 0; i < 20; i++) { // a handle that was free would soon be given again
+        socket_pair other = socket_pair_open();
+        CHECK(other.host != p.host);
+        CHECK(other.viewer != p.host);
+        socket_pair_close(&other);
+    }
+    uint8_t byte = 0;
+    CHECK_FALSE(net_send_all(p.host, &byte, 1));
+    socket_pair_close(&p);
+}
+
 TEST_CASE("abort and close take an invalid socket, and abort comes twice")
 {
     net_abort(NET_INVALID);

@@ -256,12 +256,17 @@ TEST_CASE("a name that does not resolve is reported")
         const char *host, *port;
     } const rows[] = {{"127.0.0.1", "no-such-service"}, {"nowhere.invalid", "7777"}};
     for (const auto &row : rows) {
-        CAPTURE(row.host);
-        session_outcome o = run_session(row.host, row.port, {});
-        CHECK(o.result == 1);
-        CHECK(o.error == "cannot resolve host");
-        CHECK(o.printed == "cannot resolve host\n");
-        check_nothing_left();
+        for (bool via_relay : {false, true}) {
+            CAPTURE(row.host);
+            CAPTURE(via_relay);
+            session_request request;
+            request.via_relay = via_relay;
+            session_outcome o = run_session(row.host, row.port, request);
+            CHECK(o.result == 1);
+            CHECK(o.error == "cannot resolve host");
+            CHECK(o.printed == "cannot resolve host\n");
+            check_nothing_left();
+        }
     }
 }
 
@@ -269,11 +274,16 @@ TEST_CASE("a port where nobody listens is reported")
 {
     uint16_t port = 0;
     net_close(test_listen(&port, 1));
-    session_outcome o = run_session("127.0.0.1", std::to_string(port).c_str(), {});
-    CHECK(o.result == 1);
-    CHECK(o.error == "connection failed");
-    CHECK(o.printed == "connection failed\n");
-    check_nothing_left();
+    for (bool via_relay : {false, true}) {
+        CAPTURE(via_relay);
+        session_request request;
+        request.via_relay = via_relay;
+        session_outcome o = run_session("127.0.0.1", std::to_string(port).c_str(), request);
+        CHECK(o.result == 1);
+        CHECK(o.error == "connection failed");
+        CHECK(o.printed == "connection failed\n");
+        check_nothing_left();
+    }
 }
 
 TEST_CASE("every failure of the handshake gets the same words")

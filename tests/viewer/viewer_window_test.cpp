@@ -295,6 +295,22 @@ TEST_CASE("keys go to the host, system keys no further")
     close_window();
 }
 
+TEST_CASE("input that cannot be sent leaves the window as it is")
+{
+    HWND hwnd = open_window(400, 300);
+    UpdateWindow(hwnd);
+    memory_send_fails = true;
+    SendMessageA(hwnd, WM_KEYDOWN, 'A', 0);
+    SendMessageA(hwnd, WM_MOUSEMOVE, 0, point(5, 5));
+    SendMessageA(hwnd, WM_KEYUP, 'A', 0);
+    CHECK(take_sent() == "key 010041; mouse 5,5 kind 0 button 0 wheel 0; key 000041; ");
+    CHECK(IsWindow(hwnd));
+    CHECK(session_aborts == 0);
+    MSG message;
+    CHECK_FALSE(PeekMessageA(&message, nullptr, WM_CLOSE, WM_CLOSE, PM_REMOVE));
+    close_window();
+}
+
 TEST_CASE("losing the focus releases the keys that are down and no others")
 {
     HWND hwnd = open_window(400, 300);
