@@ -4,6 +4,7 @@
 #include "tests/socket_pair.h"
 #include "tests/test.h"
 
+#include <atomic>
 #include <string.h>
 #include <thread>
 #include <vector>
@@ -93,48 +94,86 @@ TEST_CASE("a channel that is not open neither sends nor receives")
     CHECK_FALSE(viewer_recv(&byte, 1));
 }
 
-TEST_CASE("two threads send and the host opens every record")
+// Reads one message of a known kind; false when no more records open or it is no such kind.
+static bool read_message(channel_receiver *from, uint8_t *type, uint8_t payload[MOUSE_BYTES])
+{
+    uint8_t head[MESSAGE_HEADER_BYTES];
+    if (!channel_recv(from, head, sizeof head))
+        return false;
+    message_header header = get_header(head);
+    *type = header.type;
+    uint32_t expected = header.type == MSG_FRAME_ACK    ? FRAME_ACK_BYTES
+                        : header.type == MSG_CACHE_MISS ? CACHE_MISS_BYTES
+                        : header.type == MSG_MOUSE      ? MOUSE_BYTES
+                        : header.type == MSG_KEY        ? KEY_BYTES
+                                                        : 0;
+    return expected != 0 && header.length == expected &&
+           channel_recv(from, payload, header.length);
+}
+
+TEST_CASE("many threads send and the host opens every record, each thread's in order")
 {
     connected_channels c;
     constexpr uint32_t COUNT = 3000;
-    std::thread acknowledging([] {
-        for (uint32_t i = 0; i < COUNT; i++) {
-            uint8_t stamp[8];
-            put_frame_stamp(stamp, {i, ~i});
-            viewer_send_frame_ack(stamp);
-        }
-    });
-    std::thread typing([] {
-        for (uint32_t i = 0; i < COUNT; i++)
-            viewer_send_mouse({(int32_t)i, -(int32_t)i, MOUSE_MOVE, 0, 0});
-    });
+    // More threads than the viewer has: every kind of message meets every other.
+    static const auto send_ack = [](uint32_t i) {
+        uint8_t stamp[FRAME_ACK_BYTES];
+        put_frame_stamp(stamp, {i, ~i});
+        return viewer_send_frame_ack(stamp);
+    };
+    static const auto send_miss = [](uint32_t i) {
+        return viewer_send_cache_miss({(uint16_t)i, (uint16_t)~i, i});
+    };
+    static const auto send_move = [](uint32_t i) {
+        return viewer_send_mouse({(int32_t)i, -(int32_t)i, MOUSE_MOVE, 0, 0});
+    };
+    static const auto send_key = [](uint32_t i) {
+        return viewer_send_key((uint16_t)i, i % 2 != 0);
+    };
+    static std::atomic<bool> sent;
+    sent = true;
+    auto sender = [](auto send) {
+        return std::thread([send] {
+            for (uint32_t i = 0; i < COUNT; i++)
+                if (!send(i))
+                    sent = false;
+        });
+    };
+    std::thread threads[] = {sender(send_ack), sender(send_miss), sender(send_move),
+                             sender(send_key)};
 
-    uint32_t acks = 0;
-    uint32_t moves = 0;
+    uint32_t acks = 0, misses = 0, moves = 0, keys = 0;
     bool whole = true;
-    while (whole && acks + moves < 2 * COUNT) {
-        uint8_t header[MESSAGE_HEADER_BYTES];
-        uint8_t payload[MOUSE_BYTES];
-        whole = channel_recv(&c.host.receiver, header, sizeof header);
-        message_header h = get_header(header);
-        whole = whole && h.length <= sizeof payload &&
-                channel_recv(&c.host.receiver, payload, h.length);
-        if (whole && h.type == MSG_FRAME_ACK && h.length == FRAME_ACK_BYTES) {
+    while (whole && acks + misses + moves + keys < 4 * COUNT) {
+        uint8_t type = 0, payload[MOUSE_BYTES] = {};
+        whole = read_message(&c.host.receiver, &type, payload);
+        if (!whole)
+            break;
+        if (type == MSG_FRAME_ACK) {
             whole = get_frame_stamp(payload).frame_seq == acks &&
                     get_frame_stamp(payload).sent_ms == ~acks;
             acks++;
-        } else if (whole && h.type == MSG_MOUSE && h.length == MOUSE_BYTES) {
-            whole = get_mouse(payload).x == (int32_t)moves;
+        } else if (type == MSG_CACHE_MISS) {
+            whole = get_tile_ref(payload).hash == misses &&
+                    get_tile_ref(payload).tile_y == (uint16_t)~misses;
+            misses++;
+        } else if (type == MSG_MOUSE) {
+            whole = get_mouse(payload).x == (int32_t)moves &&
+                    get_mouse(payload).y == -(int32_t)moves;
             moves++;
         } else {
-            whole = false;
+            whole = (uint16_t)load_le32(payload) == (uint16_t)keys;
+            keys++;
         }
     }
     if (!whole)
         net_abort(c.sockets.host); // lets blocked senders go
-    acknowledging.join();
-    typing.join();
+    for (std::thread &t : threads)
+        t.join();
+    CHECK(sent);
     CHECK(acks == COUNT);
+    CHECK(misses == COUNT);
     CHECK(moves == COUNT);
-    CHECK(c.host.receiver.recv_counter == 2 * COUNT);
+    CHECK(keys == COUNT);
+    CHECK(c.host.receiver.recv_counter == 4 * COUNT);
 }
