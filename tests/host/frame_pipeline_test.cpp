@@ -1007,6 +1007,48 @@ TEST_CASE("a tile that a move has drawn on is no longer blank")
     CHECK(picture_right());
 }
 
+TEST_CASE("a move is left out whichever tile of its source is uncertain")
+{
+    // The source, 2 by 2 pixels, touches the tiles 1 and 2 of the rows 1 and 2.
+    const copy_rect move = {127, 127, 10, 10, 2, 2};
+    for (int32_t ty = 0; ty < 4; ty++)
+        for (int32_t tx = 0; tx < 4; tx++) {
+            CAPTURE(tx);
+            CAPTURE(ty);
+            bool touched = (tx == 1 || tx == 2) && (ty == 1 || ty == 2);
+            start(320, 256);
+            teach(RED);
+            fill(tile_rect(tx, ty), GREEN);
+            step();
+            fill(tile_rect(tx, ty), RED);
+            CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+            session.acked_seq = frame_seq.load(); // not confirmed
+            move_block(move);
+            CHECK(count_type(step_unanswered(), MSG_COPY_RECTS) == (touched ? 0 : 1));
+            CHECK(picture_right());
+        }
+}
+
+TEST_CASE("every tile that a move draws on is no longer blank, and no other")
+{
+    start(320, 256);
+    test_random random = test_random_seeded("blank tiles");
+    fill_noise(tile_rect(4, 3), &random);
+    step();
+    move_block({257, 193, 127, 127, 2, 2}); // onto the tiles 1 and 2 of the rows 1 and 2
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 2); // the move and the frame's end: no tile was sent
+    CHECK(frame[0].type == MSG_COPY_RECTS);
+    for (int32_t ty = 0; ty < 4; ty++)
+        for (int32_t tx = 0; tx < 4; tx++) {
+            CAPTURE(tx);
+            CAPTURE(ty);
+            bool drawn = (tx == 1 || tx == 2) && (ty == 1 || ty == 2);
+            CHECK(base_of(tx, ty).base_blank == (drawn ? 0 : 1));
+        }
+    CHECK(picture_right());
+}
+
 TEST_CASE("no moves are sent while the screen differs in size from the viewer's picture")
 {
     start(320, 200, 0);
