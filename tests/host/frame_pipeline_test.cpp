@@ -364,6 +364,19 @@ TEST_CASE("a full change of 240 tiles with a budget of 8 takes 30 frames from th
     CHECK(picture_right());
 }
 
+TEST_CASE("references count towards the budget like other tiles")
+{
+    start(640, 64);
+    fill(tile_rect(0, 0), RED);
+    CHECK(count_type(step(), MSG_TILE) == 1);
+    fill(whole(), RED); // nine references: (0, 0) shows it already
+    session.tile_budget = 5;
+    CHECK(count_type(step(), MSG_TILE_REF) == 5);
+    session.tile_budget = 5;
+    CHECK(count_type(step(), MSG_TILE_REF) == 4);
+    CHECK(picture_right());
+}
+
 TEST_CASE("a screen that changes everywhere all the time starves none of its tiles")
 {
     start(1024, 960, 0);
@@ -446,6 +459,31 @@ TEST_CASE("a frame takes one more tile exactly as long as the record can hold wh
         CHECK(count_type(model_split(flush_records[0]), MSG_TILE) == (excess == 0 ? 1 : 0));
         CHECK(dirty_tiles() == (int)excess);
     }
+}
+
+TEST_CASE("a tile that the record had no room for comes first in the next frame")
+{
+    start(192, 64, 0);
+    test_random random = test_random_seeded("no room");
+    fill_noise(whole(), &random);
+    // A message that viewers skip, and room for one tile: see above.
+    std::vector<uint8_t> filler(16777216 - 16405 - 17 - 16 - MESSAGE_HEADER_BYTES);
+    out_append_header(MSG_WINDOW_LIST, (uint32_t)filler.size());
+    out_append(filler.data(), filler.size());
+    auto frame_tiles = [] {
+        flush_records.clear();
+        REQUIRE(frame_pipeline_step(&session));
+        REQUIRE(flush_records.size() == 1);
+        acknowledge(frame_seq);
+        return tiles_in(model_split(flush_records[0]));
+    };
+    CHECK(frame_tiles().size() == 1);
+    fill_noise(whole(), &random);
+    std::vector<tile_ref> rest = frame_tiles();
+    REQUIRE(rest.size() == 3);
+    CHECK(rest[0].tile_x == 1);
+    CHECK(rest[1].tile_x == 2);
+    CHECK(rest[2].tile_x == 0);
 }
 
 // ---------------------------------------------------------------------------------------
