@@ -115,6 +115,7 @@ static struct {
     bool calm;                           // threads stop only where they have to
     bool busy;                           // all of the screen changes all the time
     int32_t pace_ms;                     // a step takes up to so long
+    size_t keys_sent;                    // presses and releases
     size_t parsed;                       // bytes of the outgoing buffer that were looked at
     int32_t moves_captured;              // when the server took the lock,
     int32_t width_before, height_before; // likewise the screen's size
@@ -239,10 +240,15 @@ static void note_unlocking(const lock *l)
     stepped_thread *self = stepped_self();
     if (self == run.server) {
         int32_t sent = look_at_messages();
+        bool resized = run.width_before != screen.screen_width ||
+                       run.height_before != screen.screen_height;
+        if (resized) {
+            run.missed.assign(run.missed.size(), 0);
+            run.waited.assign(run.waited.size(), 0);
+        }
         note_walk(sent);
         if (screen.first_frame_flushed && run.session) {
-            if (run.width_before != screen.screen_width ||
-                run.height_before != screen.screen_height)
+            if (resized)
                 happened["capture restarted, other size"]++;
             else if (must_send_all())
                 happened["capture restarted, same size"]++;
@@ -287,7 +293,9 @@ static bool look_at_answer(const uint8_t *record, size_t n)
     if (length < MESSAGE_HEADER_BYTES)
         return true;
     message_header header = get_header(text);
-    if (header.type == MSG_CACHE_MISS && length == MESSAGE_HEADER_BYTES + CACHE_MISS_BYTES) {
+    if (length != MESSAGE_HEADER_BYTES + header.length)
+        return true; // an advertisement's header, or a few hashes
+    if (header.type == MSG_CACHE_MISS) {
         happened["miss"]++;
         run.lock_takers.push_back(load_le32(text + MESSAGE_HEADER_BYTES));
     } else if (header.type == MSG_FRAME_ACK) {
@@ -470,6 +478,20 @@ static void check_picture() NO_THREAD_SAFETY_ANALYSIS
     happened["picture compared at rest"]++;
 }
 
+// Every key that the viewer sent was pressed and released on the host, in order.
+static void check_input()
+{
+    std::vector<std::vector<host::input_event>> calls = input_record_calls();
+    MUST(calls.size() == run.keys_sent);
+    for (size_t i = 0; i < calls.size(); i++) {
+        uint32_t value = (uint32_t)('A' + (i & ~(size_t)1) % 26);
+        host::input_event key = host::input_from_key(i % 2 == 0 ? value | KEY_PRESS : value);
+        MUST(calls[i].size() == 1);
+        MUST(calls[i][0].virtual_key == key.virtual_key);
+        MUST(calls[i][0].flags == key.flags);
+    }
+}
+
 // ---------------------------------------------------------------------------------------
 // Steps
 
@@ -597,6 +619,12 @@ static void random_step()
         random_mode();
     } else if (dice == 62 && one_in(10)) {
         desktop.away = !desktop.away;
+    } else if (dice == 63 && run.watching && stepped_at(run.viewer) == AT_RECV) {
+        // As the window's thread would. A press and a release, one after the other.
+        MUST(viewer::viewer_send_key((uint16_t)('A' + run.keys_sent % 26), true));
+        MUST(viewer::viewer_send_key((uint16_t)('A' + run.keys_sent % 26), false));
+        run.keys_sent += 2;
+        happened["key"]++;
     }
     if (nothing_under_way()) {
         check_certain_tiles();
@@ -631,6 +659,7 @@ static void come_to_rest()
     check_certain_tiles();
     check_cache();
     check_picture();
+    check_input();
     run.calm = false;
     desktop.calm = false;
 }
@@ -736,6 +765,8 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     run.advertises = run.cached && one_in(2);
     run.watching = run.refused = false;
     run.acks_to_lose = run.acks_under_way = 0;
+    run.keys_sent = 0;
+    input_record_clear();
     run.parsed = 0;
     run.control = nullptr;
     run.session = nullptr;
@@ -844,6 +875,7 @@ static const struct {
     {"cut inside what the viewer sent", 10},
     {"eviction", 1500},
     {"frame", 3000},
+    {"key", 300},
     {"large screen", 1},
     {"miss", 700},
     {"move", 1000},
