@@ -223,6 +223,27 @@ TEST_CASE("a still screen is sent once and then costs nothing, but for the movin
     frame_seq = 0;
 }
 
+TEST_CASE("each change of the pointer alone is a message, and nothing else of it is")
+{
+    start(64, 64);
+    cursor_script_now = {7, 8, 1};
+    step();
+    const cursor_state rows[] = {{9, 8, 1}, {9, 10, 1}, {9, 10, 0}, {9, 10, 1}, {-9, -10, 1}};
+    for (const cursor_state &now : rows) {
+        CAPTURE(now.x);
+        CAPTURE(now.y);
+        CAPTURE(now.visible);
+        cursor_script_now = now;
+        std::vector<model_message> frame = step();
+        REQUIRE(frame.size() == 2);
+        CHECK(frame[0].type == MSG_CURSOR);
+        CHECK((int32_t)load_le32(&frame[0].payload[0]) == now.x);
+        CHECK((int32_t)load_le32(&frame[0].payload[4]) == now.y);
+        CHECK(frame[0].payload[8] == now.visible);
+        CHECK(step().empty());
+    }
+}
+
 TEST_CASE("the pointer last sent is remembered across sessions")
 {
     start(64, 64);
