@@ -200,8 +200,6 @@ static void note_locked(const lock *l)
 // that is left for the next walk is nearer to its turn by each that was sent.
 static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
 {
-    if (sent == 0)
-        return;
     int64_t grid = (int64_t)tiles_for(screen.hello_width) * tiles_for(screen.hello_height);
     int32_t left = 0;
     for (int32_t ty = 0; ty < tiles_for(screen.hello_height); ty++)
@@ -217,7 +215,7 @@ static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
             run.waited[(size_t)tile] += sent;
             MUST(run.waited[(size_t)tile] <= grid);
         }
-    if (left == 0)
+    if (left == 0 || sent == 0)
         return;
     happened["walk ended early"]++;
     if (host::out_used() > RECORD_MAX - 2 * TILE_BYTES)
@@ -418,30 +416,36 @@ static bool nothing_under_way()
            host::out_used() == 0; // the server has changed nothing that it did not send
 }
 
-// Where the host is certain of a tile, the viewer shows prev_frame.
-static void check_certain_tiles() NO_THREAD_SAFETY_ANALYSIS
+// Where the host is certain of a tile, the viewer shows prev_frame. At rest it is certain of
+// all but the black ones that were missed, or it would go on sending pixels for differences.
+static void check_certain_tiles(bool at_rest) NO_THREAD_SAFETY_ANALYSIS
 {
     size_t pitch = (size_t)screen.padded_width * PIXEL_BYTES;
+    fit_grid();
     for (int32_t ty = 0; ty < screen.tiles_y && ty < frame.frame_rows / TILE_SIZE; ty++)
         for (int32_t tx = 0; tx < screen.tiles_x && tx < frame.frame_stride / TILE_SIZE; tx++) {
             const host::tile_base &base = screen.bases[ty * screen.tiles_x + tx];
             const uint8_t *tile =
                 screen.prev_frame + host::tile_offset(screen.padded_width, tx, ty);
-            if (!host::tile_base_uncertain(base, run.session->confirmed_seq))
+            if (!host::tile_base_uncertain(base, run.session->confirmed_seq)) {
                 MUST(viewer_shows(tile, pitch, tx, ty));
+                continue;
+            }
+            bool known = run.missed[(size_t)grid_tile(tx, ty)] != 0;
+            MUST(!at_rest || known);
         }
     happened["certain tiles compared"]++;
 }
 
-// Every cached tile has the hash under which it is kept. Looks at those that are new.
-static void check_cache() NO_THREAD_SAFETY_ANALYSIS
+// Every cached tile has the hash under which it is kept. Looks at those that are new, or all.
+static void check_cache(bool all) NO_THREAD_SAFETY_ANALYSIS
 {
     for (uint32_t i = 0; i < tile_cache.cache_capacity; i++) {
         uint64_t key = tile_cache.cache_keys[i];
-        if (key == run.keys[i])
+        if (key == 0 || (key == run.keys[i] && !all))
             continue;
         MUST(tile_hash(tile_cache.cache_tiles + (size_t)i * TILE_BYTES) == key);
-        if (run.keys[i] != 0)
+        if (run.keys[i] != 0 && run.keys[i] != key)
             happened["eviction"]++;
         run.keys[i] = key;
     }
@@ -627,8 +631,8 @@ static void random_step()
         happened["key"]++;
     }
     if (nothing_under_way()) {
-        check_certain_tiles();
-        check_cache();
+        check_certain_tiles(false);
+        check_cache(false);
     }
 }
 
@@ -639,6 +643,8 @@ static void come_to_rest()
     run.calm = true;
     desktop.calm = true;
     desktop.away = false;
+    run.acks_to_lose = 0;
+    pointer++; // one more frame, whose acknowledgement stands for all that were lost
     for (int quiet = 0, rounds = 0; quiet < 3; rounds++) {
         MUST(rounds < 1000);
         stepped_clock += 300; // what is not acknowledged by now is passed over
@@ -656,8 +662,8 @@ static void come_to_rest()
         bool rests = host::frame_seq == before && !news && nothing_under_way();
         quiet = rests ? quiet + 1 : 0;
     }
-    check_certain_tiles();
-    check_cache();
+    check_certain_tiles(true);
+    check_cache(false);
     check_picture();
     check_input();
     run.calm = false;
@@ -806,7 +812,7 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     session_ends(one_in(4));
     while (stepped_at(run.viewer) != AT_END) // the control thread may be left behind
         run_thread(run.viewer);
-    check_cache();
+    check_cache(true);
     happened["session"]++;
 }
 
