@@ -124,11 +124,14 @@ void host_rotate_password(int32_t force)
     constexpr uint32_t modulus = 54;
     static_assert(sizeof alphabet - 1 == modulus + 1);
 
-    const uint32_t now = clock_ms();
     const char *found = password.current.load();
     if (password_user_set == 1)
         return;
-    if (force == 0 && found[0] != 0 && now - last_rotation_ticks < PASSWORD_ROTATION_MS)
+    // In this order: beside a rotation that another thread makes in between, a clock that
+    // was read first would lie in the past, which is as good as 49 days later.
+    const uint32_t last = last_rotation_ticks;
+    const uint32_t now = clock_ms();
+    if (force == 0 && found[0] != 0 && now - last < PASSWORD_ROTATION_MS)
         return;
 
     uint8_t random[32] = {};

@@ -3,10 +3,14 @@
 #include "protocol/clock.h"
 
 std::atomic<uint32_t> clock_script_now;
+std::atomic<void (*)()> clock_script_on_read;
 
 uint32_t clock_ms()
 {
-    return clock_script_now;
+    uint32_t now = clock_script_now;
+    if (void (*call)() = clock_script_on_read.exchange(nullptr))
+        call();
+    return now;
 }
 
 void clock_sleep_ms(uint32_t ms)

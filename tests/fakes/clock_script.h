@@ -8,4 +8,8 @@
 // What clock_ms returns. clock_sleep_ms adds its milliseconds and returns at once.
 extern std::atomic<uint32_t> clock_script_now;
 
+// Called once, in the middle of the next clock_ms: the time is taken, the caller does not
+// have it yet. May be null.
+extern std::atomic<void (*)()> clock_script_on_read;
+
 #endif

@@ -29,6 +29,7 @@ struct fixture : temp_data_dir {
     fixture()
     {
         clock_script_now = 1000;
+        clock_script_on_read = nullptr;
         script_random({});
         computer_name_script = "TESTBOX";
         host_files_on_open = nullptr;
@@ -297,6 +298,35 @@ TEST_CASE("six hours count from the last rotation, also from a forced one")
     CHECK(std::string(host_get_password()) == "33333333");
     clock_script_now += 1;
     script_random({7, 7, 7, 7, 7, 7, 7, 7});
+    host_rotate_password(0);
+    CHECK(std::string(host_get_password()) == "99999999");
+}
+
+TEST_CASE("a password that another thread makes while the clock is read is not an old one")
+{
+    fixture f;
+    host_identity_init(1);
+    clock_script_now += 100;
+    // A viewer comes. Its check has the time and is held up while the user asks for a new
+    // password, which is a millisecond younger than that time.
+    clock_script_on_read = [] {
+        clock_script_now += 1;
+        script_random({1, 1, 1, 1, 1, 1, 1, 1});
+        host_set_password("");
+        script_random({7, 7, 7, 7, 7, 7, 7, 7});
+    };
+    host_rotate_password(0);
+    CHECK(std::string(host_get_password()) == "33333333");
+    CHECK(f.read("host.txt") == host_file("000000000", "33333333", "TESTBOX"));
+    CHECK(server_log_lines() == std::vector<std::string>{ROTATED, ROTATED});
+
+    // When the old one was due, the new one takes its place all the same.
+    clock_script_now += 21600000;
+    clock_script_on_read = [] {
+        clock_script_now += 1;
+        host_set_password(""); // 99999999
+        script_random({2, 2, 2, 2, 2, 2, 2, 2});
+    };
     host_rotate_password(0);
     CHECK(std::string(host_get_password()) == "99999999");
 }
