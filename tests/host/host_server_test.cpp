@@ -864,6 +864,54 @@ TEST_CASE("15 s after accept a viewer without a hello has had its time")
     stop_direct();
 }
 
+// Puts the clock so many milliseconds before its wrap.
+static void clock_put_before_wrap(uint32_t ms)
+{
+    clock_put_forward(0u - ms - clock_ms());
+}
+
+TEST_CASE("the hello's deadline holds while the tick count wraps")
+{
+    start_direct();
+    for (uint32_t before : {1000000u, 15001u, 15000u, 14500u, 7000u, 500u, 1u, 0u}) {
+        CAPTURE(before);
+        int failed = count_lines(AUTH_FAILED);
+        int checks = identity_script_rotation_checks();
+        clock_put_before_wrap(before);
+        net_socket sock = connect_host();
+        REQUIRE(wait_until([&] { return identity_script_rotation_checks() == checks + 1; }));
+        pass(20);
+        clock_put_forward(13000);
+        uint8_t byte = 1;
+        CHECK(net_send_once(sock, &byte, 1)); // in time
+        pass(50);
+        CHECK(count_lines(AUTH_FAILED) == failed);
+        clock_put_forward(2000);
+        CHECK(net_send_once(sock, &byte, 1));
+        CHECK(wait_line(AUTH_FAILED, failed + 1));
+        net_close(sock);
+    }
+    serve_one_more();
+    stop_direct();
+}
+
+TEST_CASE("the pause after a failed handshake lasts while the tick count wraps")
+{
+    start_direct();
+    for (uint32_t before : {1000000u, 400u, 300u, 150u, 1u, 0u}) {
+        CAPTURE(before);
+        int failed = count_lines(AUTH_FAILED);
+        clock_put_before_wrap(before);
+        uint32_t start = clock_ms();
+        net_socket sock = connect_host();
+        net_close(sock);
+        REQUIRE(wait_line(AUTH_FAILED, failed + 1));
+        serve_one_more();
+        CHECK(clock_ms() - start >= 300);
+    }
+    stop_direct();
+}
+
 TEST_CASE("a session's socket is set up for frames, input and dead lines")
 {
     start_direct();
@@ -1263,24 +1311,46 @@ TEST_CASE("a stop just before the host is registered does not leave it waiting")
     CHECK(server_lines() == lines{UP_VIA_RELAY, REGISTERED, AUTH_FAILED});
 }
 
+static int relay_failures()
+{
+    int count = 0;
+    for (auto &line : server_lines())
+        count += line.compare(0, 37, "relay: connect 127.0.0.1:7000 failed ") == 0;
+    return count;
+}
+
+TEST_CASE("a relay out of reach is tried every 3 seconds while the tick count wraps")
+{
+    start_relayed();
+    REQUIRE(wait_until([] { return relay_failures() >= 1; }));
+    for (uint32_t before : {3001u, 3000u, 2999u, 1500u, 1u, 0u}) {
+        CAPTURE(before);
+        int last = relay_failures();
+        clock_put_before_wrap(before); // which ends the pause
+        REQUIRE(wait_until([&] { return relay_failures() == last + 1; }));
+        pass(100);
+        clock_put_forward(1500);
+        pass(150);
+        CHECK(relay_failures() == last + 1);
+        clock_put_forward(1500);
+        CHECK(wait_until([&] { return relay_failures() == last + 2; }));
+    }
+    host::host_stop();
+    CHECK(join_server() == 0);
+}
+
 TEST_CASE("a relay out of reach is tried every 3 seconds")
 {
     start_relayed();
-    auto failures = [] {
-        int count = 0;
-        for (auto &line : server_lines())
-            count += line.compare(0, 37, "relay: connect 127.0.0.1:7000 failed ") == 0;
-        return count;
-    };
-    REQUIRE(wait_until([&] { return failures() == 1; }));
+    REQUIRE(wait_until([&] { return relay_failures() == 1; }));
     CHECK(server_lines()[0] == UP_VIA_RELAY);
     for (int n = 1; n <= 3; n++) {
         pass(100);
         clock_put_forward(2500);
         pass(150);
-        CHECK(failures() == n);
+        CHECK(relay_failures() == n);
         clock_put_forward(500);
-        CHECK(wait_until([&] { return failures() == n + 1; }));
+        CHECK(wait_until([&] { return relay_failures() == n + 1; }));
     }
     CHECK(last_state() == HOST_WAITING);
 
@@ -1295,8 +1365,8 @@ TEST_CASE("a relay out of reach is tried every 3 seconds")
     }
 
     // The pause ends with the server.
-    int before = failures();
-    REQUIRE(wait_until([&] { return failures() > before; }));
+    int before = relay_failures();
+    REQUIRE(wait_until([&] { return relay_failures() > before; }));
     uint32_t start = clock_ms();
     host::host_stop();
     CHECK(join_server() == 0);
