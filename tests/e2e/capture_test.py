@@ -9,7 +9,7 @@ PASSED = r"test cases: +[1-9][0-9]* \| +[1-9][0-9]* passed \| +0 failed"
 class CaptureTest(harness.E2ETest):
     def test_frames_of_a_duplication_double_are_captured_to_the_pixel(self):
         machine = self.machine("one", 800, 600)
-        status, output = machine.run(harness.PROBES / "duplication_double.exe", seconds=90)
+        status, output = machine.run(harness.PROBES / "duplication_test.exe", seconds=90)
         self.assertEqual(status, 0, output)
         self.assertRegex(output, PASSED)
 
