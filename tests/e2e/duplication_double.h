@@ -47,7 +47,7 @@ struct duplication_double_record {
     // What was done. Alive and held fall back to what they were when all is released.
     int32_t duplications, stagings; // alive
     int32_t held, mapped;           // 0 or 1
-    int32_t frames, whole_copies, box_copies, maps;
+    int32_t opened, frames, whole_copies, box_copies, maps;
     std::vector<std::string> faults; // what real Direct3D would refuse or not survive
 };
 

@@ -335,6 +335,7 @@ bool host::dxgi_device_create(dxgi_objects *objects)
     desktop.device->AddRef();
     desktop.context->AddRef();
     desktop.duplications++;
+    desktop.opened++;
     *objects = {desktop.device, desktop.context, new duplication_double};
     return true;
 }
@@ -372,7 +373,10 @@ void double_release_texture()
 
 void double_show(UINT width, UINT height)
 {
-    if (!desktop.texture || width != desktop.width || height != desktop.height) {
+    D3D11_TEXTURE2D_DESC now = {};
+    if (desktop.texture)
+        desktop.texture->GetDesc(&now);
+    if (now.Width != width || now.Height != height) {
         double_release_texture();
         D3D11_TEXTURE2D_DESC description = {};
         description.Width = width;

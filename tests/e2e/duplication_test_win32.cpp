@@ -522,9 +522,13 @@ static ID3D11Buffer *make_buffer()
 TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same or a new size")
 {
     ID3D11Buffer *buffer = make_buffer();
-    for (bool new_size : {false, true}) {
+    const int32_t sizes[][2] = {{1366, 768}, {800, 600}, {1366, 600}, {1400, 768}};
+    for (const int32_t *size : sizes) {
+        const int32_t width = size[0], height = size[1];
+        const bool new_size = width != 1366 || height != 768;
         for (const loss &loss : losses(buffer)) {
-            CAPTURE(new_size);
+            CAPTURE(width);
+            CAPTURE(height);
             CAPTURE(loss.what);
             // Back to a session on the screen of 1366 x 768, its first frame sent.
             desktop.mode_width = 1366;
@@ -544,16 +548,14 @@ TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same 
             uint32_t started = clock_script_now;
 
             desktop.map_result = loss.map_result;
-            if (new_size) {
-                desktop.mode_width = 800;
-                desktop.mode_height = 600;
-            }
+            desktop.mode_width = (UINT)width;
+            desktop.mode_height = (UINT)height;
             frames.push_back(loss.frame);
             CHECK(capture_step() == CAPTURE_RESTARTED);
             desktop.map_result = S_OK;
 
-            const char *opened =
-                new_size ? "DXGI duplication 800x600" : "DXGI duplication 1366x768";
+            const std::string opened =
+                "DXGI duplication " + std::to_string(width) + "x" + std::to_string(height);
             CHECK(server_log_lines() == lines{loss.line, opened});
             CHECK(clock_script_now - started == 200);
             CHECK(capture_is_duplication());
@@ -564,7 +566,8 @@ TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same 
             CHECK(double_references(desktop.texture) == 1);
             CHECK(screen.full_capture_pending);
             CHECK(screen.move_count == 0);
-            CHECK(screen.screen_width == (new_size ? 800 : 1366));
+            CHECK(screen.screen_width == width);
+            CHECK(screen.screen_height == height);
             CHECK(screen.hello_width == 1366);
             CHECK(screen.hello_height == 768);
             // Every tile goes again; the viewer still shows what it showed, or all is zeroed
@@ -578,15 +581,12 @@ TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same 
             CHECK(wrong_pixels({}, new_size ? blank_screen() : before) == 0);
 
             // The next frame is taken whole, though only a pointer is new.
-            if (new_size)
-                paint_desktop(800, 600);
-            else
-                paint_desktop(1366, 768);
+            paint_desktop((UINT)width, (UINT)height);
             double_frame pointer;
             pointer.presented = false;
             frames.push_back(pointer);
             CHECK(capture_step() == CAPTURE_FRAME);
-            RECT all = {0, 0, screen.screen_width, screen.screen_height};
+            RECT all = {0, 0, width, height};
             CHECK(wrong_pixels({all}, new_size ? blank_screen() : before) == 0);
         }
     }
