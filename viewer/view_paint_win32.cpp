@@ -55,6 +55,10 @@ static bool back_buffer_fit(HDC window_dc, int32_t width, int32_t height, bool *
     if (!bitmap)
         return false;
     back_buffer.no_bitmap = SelectObject(back_buffer.dc, bitmap);
+    if (!back_buffer.no_bitmap) {
+        DeleteObject(bitmap);
+        return false;
+    }
     back_buffer.bitmap = bitmap;
     back_buffer.width = width;
     back_buffer.height = height;
