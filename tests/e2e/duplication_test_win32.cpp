@@ -108,27 +108,21 @@ struct running_case : duplication_case {
     }
 };
 
-static bool is_inside(const boxes &copied, int32_t x, int32_t y)
-{
-    return std::any_of(copied.begin(), copied.end(), [&](const RECT &box) {
-        return x >= box.left && x < box.right && y >= box.top && y < box.bottom;
-    });
-}
-
 // Pixels that are not the desktop's inside one of the boxes, or not as before outside.
 static int64_t wrong_pixels(const boxes &copied, const std::vector<uint32_t> &before)
 {
+    const int32_t width = screen.padded_width;
+    std::vector<uint32_t> expected = before;
+    for (const RECT &box : copied) {
+        for (int32_t y = box.top; y < box.bottom; y++)
+            memcpy(&expected[(size_t)(y * width + box.left)],
+                   &desktop.pixels[(size_t)(y * (int32_t)desktop.width + box.left)],
+                   (size_t)(box.right - box.left) * 4);
+    }
     const uint32_t *now = (const uint32_t *)screen.frame_buffer;
     int64_t wrong = 0;
-    for (int32_t y = 0; y < screen.padded_height; y++) {
-        for (int32_t x = 0; x < screen.padded_width; x++) {
-            size_t at = (size_t)y * (size_t)screen.padded_width + (size_t)x;
-            uint32_t expected = is_inside(copied, x, y)
-                                    ? desktop.pixels[(size_t)y * desktop.width + (size_t)x]
-                                    : before[at];
-            wrong += now[at] != expected;
-        }
-    }
+    for (size_t at = 0; at < expected.size(); at++)
+        wrong += now[at] != expected[at];
     return wrong;
 }
 

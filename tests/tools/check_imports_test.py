@@ -20,10 +20,14 @@ class CheckImportsTest(unittest.TestCase):
         self.addCleanup(held.cleanup)
         self.directory = pathlib.Path(held.name)
 
-    def build(self, text, *libraries):
-        program = self.directory / "program.exe"
-        subprocess.run([TOOL + "gcc-posix", "-xc", "-", "-s", "-static", "-o", program] +
-                       [f"-l{library}" for library in libraries],
+    def build(self, text, *libraries, resources=("qv.rc",)):
+        program, compiled = self.directory / "program.exe", self.directory / "resources.o"
+        objects = []
+        for source in resources:
+            subprocess.run([TOOL + "windres", ROOT / "cmake" / source, compiled], check=True)
+            objects.append(compiled)
+        subprocess.run([TOOL + "gcc-posix", "-s", "-static", "-o", program, *objects, "-xc", "-",
+                        "-xnone"] + [f"-l{library}" for library in libraries],
                        input=text, text=True, check=True)
         return program
 
@@ -57,6 +61,10 @@ class CheckImportsTest(unittest.TestCase):
         struct.pack_into("<II", bytes_of, headers + 4 + 20 + 112 + 13 * 8, 0x1000, 0x40)
         program.write_bytes(bytes_of)
         self.assertEqual(self.check(program), (1, f"{program}: has delayed imports\n"))
+
+    def test_a_program_without_a_manifest_is_found(self):
+        program = self.build(SOUND, resources=())
+        self.assertEqual(self.check(program), (1, f"{program}: has no manifest\n"))
 
     def test_the_directory_it_was_built_in_is_found(self):
         text = f'const char *volatile where = "{ROOT}/x"; int main(void) {{ return *where; }}'
