@@ -14,6 +14,7 @@ static std::condition_variable changed;
 static struct {
     bool refused;
     bool closing;
+    bool quitting;
     uint32_t repaints, close_requests, opened;
     std::string title;
 } state;
@@ -47,6 +48,13 @@ void window_none_refuse()
 void window_none_close()
 {
     request_close(0);
+}
+
+void window_none_quit()
+{
+    std::lock_guard<std::mutex> hold(mutex);
+    state.quitting = true;
+    changed.notify_all();
 }
 
 uint32_t window_none_repaints()
@@ -92,6 +100,7 @@ bool viewer_window_open(const char *host_name)
     if (state.refused)
         return false;
     state.closing = false;
+    state.quitting = false;
     state.title = host_name;
     state.opened++;
     changed.notify_all();
@@ -102,7 +111,9 @@ void viewer_window_run()
 {
     {
         std::unique_lock<std::mutex> hold(mutex);
-        changed.wait(hold, [] { return state.closing; });
+        changed.wait(hold, [] { return state.closing || state.quitting; });
+        if (state.quitting)
+            return;
     }
     viewer_session_abort();
     frame_lock_for_window();

@@ -16,6 +16,9 @@ void window_none_refuse();
 // Closes the window, as its user would.
 void window_none_close();
 
+// Ends the message loop without destroying the window.
+void window_none_quit();
+
 // Requests since the reset, whether or not a window was there to get them.
 uint32_t window_none_repaints();
 uint32_t window_none_close_requests(); // by the product, not by the test

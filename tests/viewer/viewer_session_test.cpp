@@ -713,6 +713,17 @@ TEST_CASE("the end of the connection closes the window, however it comes")
     }
 }
 
+TEST_CASE("a message loop that ends by itself ends the connection and all that the session has")
+{
+    bool gone = false;
+    session_outcome o = run_with_host(greeting(64, 64, 3, [&](host_end &h) {
+        window_none_quit();
+        gone = h.recv(1).empty();
+    }));
+    CHECK(o.result == 0);
+    CHECK(gone);
+}
+
 TEST_CASE("closing the window does not wait for a host that is in the middle of a message")
 {
     std::atomic<bool> over = false;
