@@ -8,9 +8,48 @@
 #include "tests/socket_pair.h"
 #include "tests/test.h"
 
+#include <new>
+#include <stdlib.h>
 #include <string.h>
 
 using namespace host;
+
+// A session's memory comes from here and is looked at when it is given back.
+static const uint8_t *watched; // set and cleared while one thread runs
+static size_t key_bytes_left;  // in what was given back, KEY_BYTE that is
+
+constexpr uint8_t KEY_BYTE = 0xA7;
+
+static void give_back(void *block)
+{
+    if (block && block == watched)
+        for (size_t i = 0; i < sizeof(host_session); i++)
+            key_bytes_left += watched[i] == KEY_BYTE;
+    free(block);
+}
+
+void *operator new(size_t size)
+{
+    void *block = malloc(size ? size : 1);
+    if (!block)
+        abort();
+    return block;
+}
+
+void *operator new(size_t size, const std::nothrow_t &) noexcept
+{
+    return malloc(size ? size : 1);
+}
+
+void operator delete(void *block) noexcept
+{
+    give_back(block);
+}
+
+void operator delete(void *block, size_t) noexcept
+{
+    give_back(block);
+}
 
 // Whether the peer of a socket has ended the connection; waits a little for it.
 static bool peer_ended(net_socket sock)
@@ -69,6 +108,20 @@ TEST_CASE("the last owner closes the socket and frees the receiving half")
     CHECK(peer_is_there(p.viewer));
     session_release(s);
     CHECK(peer_ended(p.viewer));
+    net_close(p.viewer);
+}
+
+TEST_CASE("the key of the receiving half is wiped before its memory is given back")
+{
+    socket_pair p = socket_pair_open();
+    host_session *s = session_create(p.host, 0);
+    REQUIRE(s != nullptr);
+    memset(s->receiver.recv_key, KEY_BYTE, sizeof s->receiver.recv_key);
+    watched = (const uint8_t *)s;
+    key_bytes_left = 0;
+    session_release(s);
+    watched = nullptr;
+    CHECK(key_bytes_left == 0);
     net_close(p.viewer);
 }
 
