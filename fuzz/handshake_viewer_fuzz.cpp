@@ -1,6 +1,7 @@
 // Fakes: net_memory clock_script random_script
 // Native libraries: sodium
 // Options: -max_len=512 -len_control=0
+// Seeds: 30 120
 //
 // The viewer's side of the handshake against any host. See handshake_side.h.
 #include "fuzz/handshake_side.h"

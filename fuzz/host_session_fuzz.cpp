@@ -1,6 +1,7 @@
 // Fakes: net_memory clock_script cursor_script input_record server_log_record
 // Fakes: identity_script thread_inline
 // Options: -max_len=2048 -len_control=0
+// Seeds: 100 1500
 //
 // The host's server from a connection to the end of its session, with a viewer that says
 // anything. The connection is plain (records and handshake have targets of their own). The

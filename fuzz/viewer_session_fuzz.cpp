@@ -1,5 +1,6 @@
 // Fakes: net_memory clock_script thread_inline computer_name_script
 // Options: -max_len=2048 -len_control=0
+// Seeds: 100 1500
 //
 // A whole session of the viewer with a host that says anything: hello, tiles, references,
 // moves, text, and what is none of these. The connection is plain (records and handshake have
