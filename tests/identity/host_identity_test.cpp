@@ -10,6 +10,10 @@
 #include "tests/test.h"
 
 #include <string.h>
+#include <vector>
+#ifndef _WIN32
+#include <pthread.h>
+#endif
 
 static const std::string NL = TEXT_LINE_END;
 static const char ROTATED[] = "password rotated (next in 6h)";
@@ -489,3 +493,48 @@ TEST_CASE("a password of any length leaves no trace of a longer one in host.txt"
         CHECK(f.read("host.txt") == host_file("000000000", text, "TESTBOX"));
     }
 }
+
+#ifndef _WIN32
+
+static void *rotate_by_force(void *)
+{
+    // Far down the stack, where the thread's own end overwrites nothing.
+    volatile uint8_t above[256 << 10];
+    above[0] = 0;
+    host_rotate_password(1);
+    above[1] = 0;
+    return nullptr;
+}
+
+TEST_CASE("no way out of a rotation leaves the new password on the stack")
+{
+    enum { PUBLISHED, NO_FILE, USER_WINS, WAYS };
+    for (int way = PUBLISHED; way < WAYS; way++) {
+        CAPTURE(way);
+        fixture f;
+        if (way == NO_FILE)
+            f.make_unreachable();
+        host_identity_init(1);
+        const uint8_t drawn[8] = {10, 21, 32, 43, 50, 41, 30, 20}; // cqBNVLzp
+        for (size_t i = 0; i < RANDOM_SCRIPT_SIZE; i++)
+            random_script.bytes[i] = drawn[i % 8];
+        random_script.used = 0;
+        if (way == USER_WINS)
+            random_script.on_draw = [] { host_set_password("mine"); };
+
+        std::vector<uint8_t> stack(1 << 20);
+        pthread_attr_t attributes;
+        pthread_t t;
+        REQUIRE(pthread_attr_init(&attributes) == 0);
+        REQUIRE(pthread_attr_setstack(&attributes, stack.data(), stack.size()) == 0);
+        REQUIRE(pthread_create(&t, &attributes, rotate_by_force, nullptr) == 0);
+        pthread_attr_destroy(&attributes);
+        REQUIRE(pthread_join(t, nullptr) == 0);
+
+        CHECK(std::string(host_get_password()) == (way == USER_WINS ? "mine" : "cqBNVLzp"));
+        CHECK(memmem(stack.data(), stack.size(), drawn, sizeof drawn) == nullptr);
+        CHECK(memmem(stack.data(), stack.size(), "cqBNVLzp", 8) == nullptr);
+    }
+}
+
+#endif
