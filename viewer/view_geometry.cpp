@@ -165,6 +165,27 @@ text_grid view_text_grid(const view_geometry &view, int32_t text_x, int32_t text
     return grid;
 }
 
+// One axis of view_text_clip: where the layer ends, at most at `end`. Origin and length are
+// truncated each by itself, so the last cell may end a pixel later than the rectangle does;
+// view_invalid_rect has that much to spare.
+static int32_t text_end(double scale, int32_t offset, int32_t origin, int32_t length,
+                        int32_t end)
+{
+    int64_t last = offset + trunc_64((double)((int64_t)origin + length) * scale) + 1;
+    return clamp(at_most(last, end), INT32_MIN, INT32_MAX);
+}
+
+frame_rect view_text_clip(const view_geometry &view, int32_t text_x, int32_t text_y,
+                          int32_t text_w, int32_t text_h, const frame_rect &visible)
+{
+    if (text_w <= 0 || text_h <= 0)
+        return {};
+    frame_rect cut = visible;
+    cut.right = text_end(view.view_scale, view.view_x, text_x, text_w, visible.right);
+    cut.bottom = text_end(view.view_scale, view.view_y, text_y, text_h, visible.bottom);
+    return cut;
+}
+
 text_span view_text_span(int64_t origin, int32_t cell, int32_t count, int32_t low, int32_t high)
 {
     // Both quotients are of numbers that are not negative once the cells left of, or above,

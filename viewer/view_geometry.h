@@ -58,6 +58,12 @@ struct text_grid {
 text_grid view_text_grid(const view_geometry &view, int32_t text_x, int32_t text_y,
                          int32_t text_w, int32_t text_h, int32_t cols, int32_t rows);
 
+// Cuts `visible`, in client pixels, down to the layer's own rectangle on the screen: cells
+// that are never smaller than a pixel can need more room than that, but a repaint request for
+// the layer covers no more. Empty for a layer without width or height.
+frame_rect view_text_clip(const view_geometry &view, int32_t text_x, int32_t text_y,
+                          int32_t text_w, int32_t text_h, const frame_rect &visible);
+
 // Which of `count` cells in a line, the first at `origin` and each `cell` pixels long, touch
 // the pixels low .. high - 1: cells first .. end - 1, none when they are equal.
 struct text_span {

@@ -138,13 +138,16 @@ static void draw_text_row(HDC dc, const text_grid &grid, int32_t row, int32_t co
 
 // Draws the layer over what was just stretched, margin included, so that the back buffer is
 // right everywhere. Nothing outside the picture: the part of a console that is off the
-// host's screen would stay in the black bars, which no later repaint covers.
+// host's screen would stay in the black bars, which no later repaint covers. Nor anything
+// outside the layer's own rectangle: it would stay there when the layer goes.
 static void draw_text(HDC dc, const view_geometry &view, const view_stretch &s)
     REQUIRES(frame_lock)
 {
     if (!frame.text_active || frame.text_cols <= 0 || frame.text_rows <= 0)
         return;
-    frame_rect visible = {s.dst_x, s.dst_y, s.dst_x + s.dst_w, s.dst_y + s.dst_h};
+    frame_rect drawn = {s.dst_x, s.dst_y, s.dst_x + s.dst_w, s.dst_y + s.dst_h};
+    frame_rect visible =
+        view_text_clip(view, frame.text_x, frame.text_y, frame.text_w, frame.text_h, drawn);
     text_grid grid = view_text_grid(view, frame.text_x, frame.text_y, frame.text_w,
                                     frame.text_h, frame.text_cols, frame.text_rows);
     text_span rows =

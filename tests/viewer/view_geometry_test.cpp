@@ -322,6 +322,40 @@ TEST_CASE("the text grid follows the picture's scale")
     }
 }
 
+TEST_CASE("text is cut to the layer's own rectangle, one pixel of rounding apart")
+{
+    const frame_rect all = {0, 60, 640, 420}; // a frame of 1280 x 720 in 640 x 480: at 0.5
+    static const struct {
+        int32_t x, y, w, h;
+        int32_t right, bottom;
+    } rows[] = {
+        {100, 50, 640, 384, 371, 278},    // 0 + 740 / 2 + 1, 60 + 434 / 2 + 1
+        {-101, -51, 640, 384, 270, 227},  // 539 / 2 = 269, 60 + 333 / 2 = 226
+        {-101, -51, 50, 40, -24, 56},     // -51 / 2 = -25, 60 - 11 / 2 = 55
+        {100, 50, 5000, 5000, 640, 420},  // beyond what is visible
+        {100, 50, INT32_MAX, 1, 640, 86}, // 60 + 51 / 2 = 85
+        {INT32_MAX, 0, INT32_MAX, 1, 640, 61},
+        {INT32_MIN, 0, 1, 1, -1073741822, 61}, // (-2^31 + 1) / 2 = -1073741823
+    };
+    view_geometry view = view_fit(640, 480, 1280, 720);
+    for (const auto &row : rows) {
+        CAPTURE(row.x);
+        CAPTURE(row.w);
+        frame_rect cut = view_text_clip(view, row.x, row.y, row.w, row.h, all);
+        CHECK(cut.left == all.left);
+        CHECK(cut.top == all.top);
+        CHECK(cut.right == row.right);
+        CHECK(cut.bottom == row.bottom);
+    }
+    for (int32_t none : {0, -1, INT32_MIN}) {
+        frame_rect cut = view_text_clip(view, 5, 5, none, 9, all);
+        CHECK(cut.left == cut.right);
+        cut = view_text_clip(view, 5, 5, 9, none, all);
+        CHECK(cut.top == cut.bottom);
+    }
+    CHECK(view_text_clip({}, 5, 5, INT32_MAX, INT32_MAX, all).right == 1);
+}
+
 TEST_CASE("a span holds exactly the cells that touch the pixels")
 {
     test_random random = test_random_seeded("view_text_span");

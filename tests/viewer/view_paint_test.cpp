@@ -442,6 +442,27 @@ TEST_CASE("the part of a console beyond the host's screen is not shown")
     frame_close();
 }
 
+TEST_CASE("cells that need more room than their console has do not leave it")
+{
+    canvas c;
+    open_picture(100, 70, 1);
+    // 90 x 60 cells of one pixel in a console of 20 x 10 at (5, 7), one pixel to spare.
+    uint8_t *cells = open_text(5, 7, 20, 10, 90, 60);
+    for (int i = 0; i < 90 * 60; i++)
+        set_cell(cells, i, ' ', 0x70);
+    view_geometry view;
+    HDC dc = paint(c, 100, 70, &view);
+    std::vector<uint32_t> pixels = read_pixels(dc, 100, 70);
+    int wrong = 0;
+    for (int32_t y = 0; y < 70; y++)
+        for (int32_t x = 0; x < 100; x++) {
+            bool inside = x >= 5 && x < 26 && y >= 7 && y < 18;
+            wrong += pixels[(size_t)(y * 100 + x)] != (inside ? palette(7) : pattern(x, y));
+        }
+    CHECK(wrong == 0);
+    frame_close();
+}
+
 TEST_CASE("text rectangles from nowhere fill the picture or nothing")
 {
     static const struct {
@@ -454,8 +475,9 @@ TEST_CASE("text rectangles from nowhere fill the picture or nothing")
         {INT32_MIN / 2, INT32_MIN / 2, INT32_MAX, INT32_MAX, true},
         {INT32_MAX, INT32_MAX, INT32_MAX, INT32_MAX, false},
         {INT32_MAX, INT32_MAX, INT32_MIN, INT32_MIN, false},
-        {0, 0, INT32_MIN, 0, true}, // cells of one pixel
-        {0, 0, 0, 0, true},
+        {0, 0, INT32_MIN, 0, false},
+        {0, 0, 0, 0, false},
+        {0, 0, 100, 70, true}, // cells of one pixel
         {-1000, -1000, 1, 1, false},
     };
     canvas c;
