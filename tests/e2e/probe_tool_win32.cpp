@@ -7,6 +7,7 @@
 //   probe_tool metrics                  width and height of the screen
 //   probe_tool cursor                   position of the pointer
 //   probe_tool pressed                  virtual-key codes that are down, mouse buttons included
+//   probe_tool holds NAME               handles and private KiB of the process NAME.exe
 //   probe_tool place TITLE X Y W H      moves and sizes a window
 //   probe_tool front TITLE              makes a window the foreground window
 //   probe_tool post TITLE MSG WPARAM    posts a message with a number
@@ -18,9 +19,11 @@
 
 #include "protocol/win32.h"
 
+#include <psapi.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <tlhelp32.h>
 
 namespace
 {
@@ -99,6 +102,27 @@ int print_text(HWND window, const char *class_name)
     return 0;
 }
 
+// Private bytes are a bound only: Wine counts what its own side of the process has too.
+int print_holds(const char *name)
+{
+    HANDLE list = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
+    PROCESSENTRY32 entry = {};
+    entry.dwSize = sizeof entry;
+    DWORD pid = 0;
+    for (BOOL more = Process32First(list, &entry); more; more = Process32Next(list, &entry))
+        if (strcmp(entry.szExeFile, name) == 0)
+            pid = entry.th32ProcessID;
+    HANDLE process =
+        pid ? OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid) : nullptr;
+    DWORD handles = 0;
+    PROCESS_MEMORY_COUNTERS_EX memory = {};
+    if (!process || !GetProcessHandleCount(process, &handles) ||
+        !K32GetProcessMemoryInfo(process, (PROCESS_MEMORY_COUNTERS *)&memory, sizeof memory))
+        return 1;
+    printf("%lu %lu\n", handles, (unsigned long)(memory.PrivateUsage / 1024));
+    return 0;
+}
+
 // Wine itself does not survive a process that starts with both closed in the Unix way.
 int run_bare(char *command)
 {
@@ -149,6 +173,8 @@ int main(int argc, char **argv)
 
     if (strcmp(verb, "bare") == 0 && argc == 3)
         return run_bare(argv[2]);
+    if (strcmp(verb, "holds") == 0 && argc == 3)
+        return print_holds(argv[2]);
 
     HWND window = argc > 2 ? find_window(argv[2]) : nullptr;
     if (!window)

@@ -737,6 +737,39 @@ def never_reads(target):
     target.draw("paint 1")
 
 
+def reads_slowly(target, rate=200000):
+    """A viewer on a slow line lives: it reads so many bytes a second while frames of more than
+    8 MB are due, which takes longer than a send may go without progress."""
+    with target.lines(connected(), SYNCHRONISED, STATS, DISCONNECTED):
+        target.draw("noise")
+        # It can hold back no more than a second's worth.
+        peer = target.log_in(peer=target.connect(receive_buffer=65536))
+        peer.sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 65536)
+        started = time.monotonic()
+        size = struct.unpack("<I", peer.recv_raw(4))[0]
+        check(size > 8000000, f"a frame of {size} bytes")
+        body = bytearray()
+        while len(body) < size + 16:
+            body += peer.recv_raw(min(rate // 20, size + 16 - len(body)))
+            time.sleep(max(0, started + len(body) / rate - time.monotonic()))
+        check(time.monotonic() - started > 35, "that was no slow line")
+        target.draw("paint 1")
+        target.synchronise(peer)
+        peer.close(abort=True)
+
+
+def takes_nothing(target):
+    """A viewer that takes nothing, and stays, is given up after 30 s."""
+    target.draw("noise")
+    with target.lines(*SESSION):
+        peer = target.log_in(peer=target.connect(receive_buffer=4096))
+        started = time.monotonic()
+        wait_for("the host to give up", lambda: target.log()[-1] == DISCONNECTED, 120)
+        check(time.monotonic() - started > 28, "given up too early")
+        peer.close()
+    target.draw("paint 1")
+
+
 def random_conversations(target, rounds):
     """Streams of messages of all kinds, right and wrong, that end at any byte."""
     for _ in range(rounds):

@@ -8,7 +8,7 @@
 //   paint N      the picture number N, on the whole screen, which then rests
 //   noise        a new picture that cannot be compressed, at every capture
 //   moves        scrolls at every capture
-//   clock MS     puts the clock forward
+//   clock MS     puts the clock forward, and answers "clock"
 //   input        answers "input CALLS DOWN...": injected so far, and what is down
 //   memory       answers "memory BYTES": allocated at this moment
 //   stop         stops the server; the next connection is the last
@@ -215,6 +215,12 @@ static void draw(activity now, uint32_t picture)
         paint(picture);
 }
 
+static void put_forward(uint32_t ms)
+{
+    clock_put_forward(ms);
+    answer("clock");
+}
+
 static void obey(const char *line)
 {
     unsigned number = 0;
@@ -225,7 +231,7 @@ static void obey(const char *line)
     else if (strcmp(line, "moves\n") == 0)
         draw(MOVES, 1);
     else if (sscanf(line, "clock %u", &number) == 1)
-        clock_put_forward(number);
+        put_forward(number);
     else if (strcmp(line, "input\n") == 0)
         answer_input();
     else if (strcmp(line, "memory\n") == 0)

@@ -18,7 +18,7 @@ import numpy
 
 import host_attacks
 import viewer_attacks
-from attack import Failure, wait_for
+from attack import SECONDS, Failure, wait_for
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 PROGRAMS = pathlib.Path(os.environ.get("QV_HOSTILE_PROGRAMS",
@@ -119,7 +119,7 @@ class NativeHost(host_attacks.HostTarget):
         return self.program.is_running()
 
     def skip(self, ms):
-        self.program.request(f"clock {ms}")
+        self.program.ask(f"clock {ms}")
 
     def draw(self, what):
         if what.startswith("paint "):
@@ -196,6 +196,20 @@ class HostileViewerTest(unittest.TestCase):
         host = NativeHost(300, 200)
         self.addCleanup(host.program.kill)
         host_attacks.run(self, host)
+        self.assertEqual(host.end(), 0)
+
+
+class SlowViewerTest(unittest.TestCase):
+    """Viewers that take their time, which is real time: mostly waiting."""
+
+    def test_a_slow_viewer_lives_and_a_dead_one_is_given_up(self):
+        host = NativeHost(1920, 1080)
+        self.addCleanup(host.program.kill)
+        host_attacks.reads_slowly(host)
+        if SECONDS:
+            host_attacks.takes_nothing(host)
+        host_attacks.settled(host)
+        host_attacks.honest(host)
         self.assertEqual(host.end(), 0)
 
 
