@@ -24,9 +24,9 @@ static_assert((CACHE_MIRROR_SLOTS & SLOT_MASK) == 0);
 static_assert(CACHE_MIRROR_FULL + 1 < CACHE_MIRROR_SLOTS); // some slot is always empty
 
 static struct {
-    uint64_t *slots PT_GUARDED_BY(host_lock); // null without memory; kept until process end
-    uint32_t count GUARDED_BY(host_lock);
-} cache_mirror;
+    uint64_t *slots; // null without memory; kept until process end
+    uint32_t count;
+} cache_mirror GUARDED_BY(host_lock);
 
 // The slot that holds the hash, or the empty one where its probe ends. Slots exist.
 static uint32_t probe(uint64_t hash) REQUIRES(host_lock)

@@ -52,7 +52,7 @@ static struct {
     cursor_state cursor_sent; // kept across sessions
 } pipeline;
 
-// One tile at work; static because 32 KiB are much for a stack.
+// One tile at work; static because 32 KiB are much for a stack. Host server thread only.
 alignas(64) static uint8_t tile_pixels[TILE_BYTES];
 alignas(64) static uint8_t tile_delta[TILE_BYTES];
 

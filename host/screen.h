@@ -1,11 +1,14 @@
 // The host's picture of the screen: geometry, the newest capture, what the viewer shows, and
 // which tiles may differ.
 //
-// Owner: host server thread. The control thread writes prev_frame, the dirty map and the
-// base states when a tile was missed, so these are guarded by host_lock; dirty bytes are
-// atomic as well, since capture sets them without the lock (two stores of 1 may race, which
-// is harmless). Width and height are atomic because the control thread scales the mouse by
-// them. Buffers are padded to whole tiles; the padding stays zero.
+// Owner: host server thread, which alone changes sizes and pointers. The control thread
+// writes prev_frame, the dirty map and the base states when a tile was missed, so these are
+// guarded by host_lock; dirty bytes are atomic instead, since capture sets them without the
+// lock (two stores of 1 may race, which is harmless). To find a tile that thread also reads
+// padded_width, the tile counts and the dirty map's pointer, under host_lock: they change
+// under it, and the owner reads them without. Width and height are atomic because the
+// control thread scales the mouse by them. All else is the owner's alone. Buffers are padded
+// to whole tiles; the padding stays zero.
 #ifndef QV_HOST_SCREEN_H
 #define QV_HOST_SCREEN_H
 
@@ -28,14 +31,15 @@ constexpr int32_t SCREEN_SIDE_MAX = 1 << 21;
 
 struct screen_record {
     std::atomic<int32_t> screen_width, screen_height; // pixels
-    int32_t padded_width, padded_height;              // rounded up to whole tiles
+    int32_t padded_width, padded_height;              // rounded up; written under host_lock
     int32_t tiles_x, tiles_y;                         // written under host_lock
 
     // padded_width * padded_height pixels, rows of padded_width * 4 bytes, top row first.
     uint8_t *frame_buffer;                     // the newest capture
     uint8_t *prev_frame GUARDED_BY(host_lock); // what the viewer shows
-    std::atomic<uint8_t> *dirty_map;           // 1: the tile is to be examined
-    tile_base *bases GUARDED_BY(host_lock);    // tiles_x * tiles_y, row-major
+    // tiles_x * tiles_y of each, row-major.
+    std::atomic<uint8_t> *dirty_map; // 1: the tile is to be examined; written under host_lock
+    tile_base *bases GUARDED_BY(host_lock);
 
     bool full_capture_pending; // the next duplication frame must be copied whole
     int32_t move_count;        // moves reported since the last frame was sent

@@ -10,7 +10,8 @@
 namespace viewer
 {
 
-// Called with the host's name and the ID after a good hello; null when nobody asked.
+// Called with the host's name and the ID after a good hello, on the session's thread; null
+// when nobody asked. Set before the first session and not changed afterwards.
 extern void (*on_connected)(const char *host_name, const char *host_id);
 
 // Runs one session. host and port are texts; with via_relay they are the relay's and
