@@ -36,7 +36,7 @@ struct host_side {
     net_socket sock;
     int rounds;             // captures with changes before the screen rests,
     std::atomic<bool> held; // counted from when this is off
-    bool resizes;
+    uint32_t resize_one_in; // of so many captures one finds another size; 0: none
     test_random *random;
     std::atomic<bool> authenticated;
     std::atomic<bool> joined; // the control thread ended when its connection did
@@ -71,7 +71,7 @@ static host::capture_result scripted_step(host_side *side, host::host_session *s
             desktop_random_change(side->random);
         if (side->random->below(50) == 0)
             desktop.restarted = true;
-        if (side->resizes && side->random->below(50) == 0) {
+        if (side->resize_one_in != 0 && side->random->below(side->resize_one_in) == 0) {
             resize_desktop(64 + (int32_t)side->random->below(300),
                            64 + (int32_t)side->random->below(300));
             fill(whole(), RED);
@@ -191,7 +191,7 @@ TEST_CASE("at rest the viewer shows the screen, whatever was drawn, moved and mi
         uint32_t slots = i % 4 == 3 ? viewer::CACHE_CAPACITY : 2u << random.below(3);
         connection c = {};
         c.host.rounds = 200;
-        c.host.resizes = i % 3 == 2;
+        c.host.resize_one_in = i % 3 == 2 ? 50 : 0;
         c.host.random = &random;
         connect_session(&c, 100 + (int32_t)random.below(250), 70 + (int32_t)random.below(250),
                         slots);
@@ -208,8 +208,9 @@ TEST_CASE("at rest the viewer shows the screen, whatever was drawn, moved and mi
     CHECK(misses > 0);
 }
 
-TEST_CASE("input reaches the host in order while frames stream the other way")
+TEST_CASE("a flood of input reaches the host in order while frames stream the other way")
 {
+    constexpr size_t PRESSES = 10000;
     test_random random = test_random_seeded("input");
     input_record_clear();
     connection c = {};
@@ -220,7 +221,7 @@ TEST_CASE("input reaches the host in order while frames stream the other way")
     // This thread stands for the window's: it sends beside the receive thread's answers. The
     // host comes to rest after frames that it begins when all of this was sent, so it reads
     // this before their acknowledgements.
-    for (uint16_t i = 0; i < 500; i++) {
+    for (size_t i = 0; i < PRESSES; i++) {
         uint16_t key = (uint16_t)('A' + i % 26);
         REQUIRE(viewer::viewer_send_key(key, true));
         REQUIRE(viewer::viewer_send_key(key, false));
@@ -232,11 +233,32 @@ TEST_CASE("input reaches the host in order while frames stream the other way")
 
     int wrong = 0;
     std::vector<std::vector<host::input_event>> calls = input_record_calls();
-    REQUIRE(calls.size() >= 1000);
-    for (size_t i = 0; i < 1000; i++)
+    REQUIRE(calls.size() >= 2 * PRESSES);
+    for (size_t i = 0; i < 2 * PRESSES; i++)
         wrong += calls[i].size() != 1 || !calls[i][0].keyboard ||
                  calls[i][0].virtual_key != 'A' + i / 2 % 26;
     CHECK(wrong == 0);
+}
+
+TEST_CASE("misses without end meet a screen that goes on changing its size")
+{
+    test_random random = test_random_seeded("misses"), forger = random;
+    for (int i = 0; i < 3; i++) {
+        connection c = {};
+        c.host.rounds = 50;
+        c.host.held = true;
+        c.host.resize_one_in = 4;
+        c.host.random = &random;
+        connect_session(&c, 200, 150, 8);
+        // Of tiles inside the screen and outside, sent or not, beside the receive thread's.
+        for (int n = 0; n < 3000; n++)
+            REQUIRE(viewer::viewer_send_cache_miss(
+                {(uint16_t)forger.below(7), (uint16_t)forger.below(7), forger.below(1000)}));
+        c.host.held = false;
+        wait_session(&c);
+        CHECK(picture_right());
+        close_viewer();
+    }
 }
 
 TEST_CASE("a viewer that leaves ends the session on the host, frames or not")
