@@ -57,6 +57,9 @@ static struct {
     std::vector<uint64_t> hashes;
     frame_stamp last_end;
     uint32_t seq; // of the last frame
+
+    std::set<uint64_t> mirror; // hashes that the host has reason to believe cached
+    size_t input_calls;
 } run;
 
 // ---------------------------------------------------------------------------------------
@@ -219,6 +222,12 @@ static void take_move(const copy_rect &r)
     run.model.move(r);
 }
 
+static void believe(uint64_t hash)
+{
+    if (hash != 0 && run.mirror.size() <= host::CACHE_MIRROR_FULL)
+        run.mirror.insert(hash);
+}
+
 static void take_tile_message(const uint8_t *payload, uint32_t length)
 {
     bytes content;
@@ -237,6 +246,8 @@ static void take_tile_message(const uint8_t *payload, uint32_t length)
     if (!certain && head.hash != 0) // cached under a hash that is another tile's
         run.model.cache.assign(run.model.cache.size(), {});
     run.hashes.push_back(head.hash);
+    if ((host::peer_caps & CAP_TILE_CACHE) != 0)
+        believe(head.hash);
 }
 
 static void take_message(uint8_t type, const uint8_t *payload, uint32_t length)
@@ -315,7 +326,7 @@ static void check_session() NO_THREAD_SAFETY_ANALYSIS
     FUZZ_CHECK(s->tile_budget >= host::TILE_BUDGET_MIN &&
                s->tile_budget <= host::TILE_BUDGET_MAX);
     FUZZ_CHECK(s->ema_rtt16 >= 0 && s->ema_rtt16 <= 5000 * 16);
-    FUZZ_CHECK(host::cache_mirror_count() <= host::CACHE_MIRROR_FULL + 1);
+    FUZZ_CHECK(host::cache_mirror_count() == run.mirror.size());
     FUZZ_CHECK(!host::cache_mirror_find(0));
     if (!same_size())
         return;
@@ -339,6 +350,7 @@ static bool pipeline_step()
 // The viewer is silent and the screen stands still: what it told no lie about is right.
 static void come_to_rest()
 {
+    FUZZ_CHECK(input_record_calls().size() == run.input_calls);
     host::text_layer_reset();
     for (int quiet = 0, steps = 0; quiet < 2; steps++) {
         FUZZ_CHECK(steps < 500);
@@ -467,8 +479,8 @@ static void say_miss()
 {
     tile_ref ref = {take_u8(run.in), take_u8(run.in), take_hash()};
     if (ref.tile_x < 240 && run.model.columns > 0) {
-        ref.tile_x = (uint16_t)(ref.tile_x % run.model.columns);
-        ref.tile_y = (uint16_t)(ref.tile_y % run.model.rows);
+        ref.tile_x = (uint16_t)(ref.tile_x % (run.model.columns + 1)); // one too far too
+        ref.tile_y = (uint16_t)(ref.tile_y % (run.model.rows + 1));
     }
     bytes payload(CACHE_MISS_BYTES);
     put_tile_ref(payload.data(), ref);
@@ -486,29 +498,41 @@ static void say_anything()
     arrive(bytes(head, head + sizeof head));
     uint32_t length = get_header(head).length;
     bytes payload = take_bytes(run.in, kind % 8 == 1 ? take_u8(run.in) : length);
-    if (kind % 8 == 2 && length <= HOST_PAYLOAD_MAX)
+    if (kind % 8 == 2 && length <= 2 * HOST_PAYLOAD_MAX)
         payload.resize(length);
     arrive(payload);
 }
 
-// Notes what the control thread has had: a miss leaves its tile in doubt, since the plain
-// viewer sends its own by not being told of them.
+// Notes what the control thread has had. A miss leaves its tile in doubt: the plain viewer
+// has told of none.
 static void catch_up()
 {
     message_header header;
     const uint8_t *payload;
     while (run.from_viewer.next(net_memory.incoming, &header, &payload)) {
-        FUZZ_CHECK(header.length <= HOST_PAYLOAD_MAX);
+        run.input_calls += (header.type == MSG_MOUSE && header.length >= MOUSE_BYTES) ||
+                           (header.type == MSG_KEY && header.length >= KEY_BYTES) ||
+                           (header.type == MSG_CHAR && header.length >= CHAR_BYTES);
+        if (header.type == MSG_CACHE_ADVERT)
+            for (uint32_t at = 0; header.length - at >= 8; at += 8)
+                believe(load_le64(payload + at));
         if (header.type == MSG_CACHE_MISS && header.length >= CACHE_MISS_BYTES) {
             tile_ref ref = get_tile_ref(payload);
+            run.mirror.erase(ref.hash);
             if (run.model.holds(ref.tile_x, ref.tile_y))
                 doubt(ref.tile_x, ref.tile_y, true);
         }
     }
+    // A payload that is too large ends the session: nothing is read after its header.
+    const bytes &stream = net_memory.incoming;
+    if (stream.size() - run.from_viewer.at >= MESSAGE_HEADER_BYTES)
+        FUZZ_CHECK(get_header(&stream[run.from_viewer.at]).length <= HOST_PAYLOAD_MAX);
 }
 
 static void session_begins(void *argument)
 {
+    FUZZ_CHECK(get_header(net_memory.incoming.data()).type == MSG_CLIENT_HELLO);
+    FUZZ_CHECK(get_header(net_memory.incoming.data()).length == CLIENT_HELLO_BYTES);
     run.session = (host::host_session *)argument;
     run.served = true;
     run.seq = host::frame_seq;
