@@ -516,18 +516,18 @@ static ID3D11Buffer *make_buffer()
 TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same or a new size")
 {
     ID3D11Buffer *buffer = make_buffer();
-    const int32_t sizes[][2] = {{1366, 768}, {800, 600}, {1366, 600}, {1400, 768}};
+    const int32_t sizes[][2] = {{342, 200}, {300, 150}, {342, 150}, {400, 200}};
     for (const int32_t *size : sizes) {
         const int32_t width = size[0], height = size[1];
-        const bool new_size = width != 1366 || height != 768;
+        const bool new_size = width != 342 || height != 200;
         for (const loss &loss : losses(buffer)) {
             CAPTURE(width);
             CAPTURE(height);
             CAPTURE(loss.what);
-            // Back to a session on the screen of 1366 x 768, its first frame sent.
-            desktop.mode_width = 1366;
-            desktop.mode_height = 768;
-            paint_desktop(1366, 768);
+            // Back to a session on the screen of 342 x 200, its first frame sent.
+            desktop.mode_width = 342;
+            desktop.mode_height = 200;
+            paint_desktop(342, 200);
             REQUIRE(capture_start() == 1);
             screen_session_start();
             screen.first_frame_flushed = true;
@@ -562,8 +562,8 @@ TEST_CASE_FIXTURE(running_case, "a lost duplication is made anew, with the same 
             CHECK(screen.move_count == 0);
             CHECK(screen.screen_width == width);
             CHECK(screen.screen_height == height);
-            CHECK(screen.hello_width == 1366);
-            CHECK(screen.hello_height == 768);
+            CHECK(screen.hello_width == 342);
+            CHECK(screen.hello_height == 200);
             // Every tile goes again; the viewer still shows what it showed, or all is zeroed
             // and in doubt.
             CHECK(dirty_tiles() == screen.tiles_x * screen.tiles_y);
@@ -618,8 +618,8 @@ struct refusal {
 };
 
 static const refusal REFUSALS[] = {
-    {"no duplication", DXGI_ERROR_UNSUPPORTED, S_OK, 1366, {"DuplicateOutput 887a0004"}},
-    {"no staging texture", S_OK, E_OUTOFMEMORY, 1366, {}},
+    {"no duplication", DXGI_ERROR_UNSUPPORTED, S_OK, 342, {"DuplicateOutput 887a0004"}},
+    {"no staging texture", S_OK, E_OUTOFMEMORY, 342, {}},
     {"larger than any screen", S_OK, S_OK, SCREEN_SIDE_MAX + 1, {}},
 };
 
@@ -672,8 +672,9 @@ TEST_CASE_FIXTURE(running_case, "a duplication that cannot be had again leaves G
         for (const loss &loss : losses(buffer)) {
             CAPTURE(refusal.what);
             CAPTURE(loss.what);
-            refuse({"", S_OK, S_OK, 1366, {}});
-            paint_desktop(1366, 768);
+            refuse({"", S_OK, S_OK, 342, {}});
+            desktop.mode_height = 200;
+            paint_desktop(342, 200);
             REQUIRE(capture_start() == 1);
             frames.push_back({});
             REQUIRE(capture_step() == CAPTURE_FRAME);
