@@ -70,7 +70,6 @@ static bool duplicate_output(dxgi_objects *objects)
     output->Release();
     if (SUCCEEDED(result) && objects->duplication)
         return true;
-    objects->duplication = nullptr; // whatever a failed call left there
     server_log("DuplicateOutput %08lx", (unsigned long)result);
     return false;
 }
@@ -84,7 +83,7 @@ bool dxgi_device_create(dxgi_objects *objects)
         objects->context->Release();
     if (objects->device)
         objects->device->Release();
-    *objects = {};
+    *objects = {}; // also whatever a failed call left there
     return false;
 }
 
