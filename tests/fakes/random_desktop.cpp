@@ -151,6 +151,29 @@ static void move_something()
     move_block({from.left, from.top, {x, y, x + w, y + h}});
 }
 
+// A block moves onto black: where a missed tile was made zero, the rest of it looks unchanged.
+static void move_onto_black()
+{
+    capture_box tile = desktop_box();
+    if (one_in(2)) {
+        tile.left = desktop.spot_x;
+        tile.top = desktop.spot_y;
+    }
+    tile.left &= ~(TILE_SIZE - 1);
+    tile.top &= ~(TILE_SIZE - 1);
+    tile.right = tile.left + TILE_SIZE;
+    tile.bottom = tile.top + TILE_SIZE;
+    if (tile.right > desktop.width || tile.bottom > desktop.height)
+        return;
+    desktop_draw(tile, BLACK);
+    int32_t w = 1 + below(TILE_SIZE - 1), h = 1 + below(TILE_SIZE - 1);
+    int32_t x = tile.left + below(TILE_SIZE - w + 1), y = tile.top + below(TILE_SIZE - h + 1);
+    int32_t src_x = below(desktop.width - w + 1), src_y = below(desktop.height - h + 1);
+    move_block({src_x, src_y, {x, y, x + w, y + h}});
+    if (one_in(2))
+        desktop_draw(tile, below(PATTERNS)); // what moved there is seen by the viewer alone
+}
+
 // A move that reaches off the screen, as drivers report them; nothing really moves.
 static void report_nonsense()
 {
@@ -182,6 +205,8 @@ void desktop_change()
         desktop_draw_all(one_in(2) ? below(PATTERNS) : NOISE + below(2));
     else if (one_in(12))
         report_nonsense();
+    else if (one_in(2))
+        move_onto_black();
     else
         for (int32_t moves = one_in(200) ? 300 : 1 + below(4); moves > 0; moves--)
             move_something();
@@ -242,7 +267,8 @@ void dxgi_close()
 
 bool dxgi_open(int32_t *width, int32_t *height)
 {
-    if (!desktop.duplicates || fails(20))
+    desktop.openings++;
+    if (!desktop.duplicates || fails(60))
         return false;
     *width = desktop.away ? 0 : desktop.width;
     *height = desktop.away ? 0 : desktop.height;
@@ -253,7 +279,7 @@ bool dxgi_open(int32_t *width, int32_t *height)
 
 bool dxgi_create_staging(int32_t width, int32_t height)
 {
-    if (fails(40))
+    if (fails(120))
         return false;
     texture.width = width;
     texture.height = height;
@@ -273,7 +299,7 @@ uint32_t dxgi_acquire(uint32_t timeout_ms, duplication_frame *frame)
         return TIMED_OUT;
     frame->presented = news;
     frame->accumulated = news ? 1 : 0;
-    if (desktop.changes > 1 && one_in(4))
+    if (desktop.changes > 1 && one_in(8))
         frame->accumulated = 2;
     size_t rects = desktop.moves.size() * sizeof(capture_move) +
                    desktop.dirty.size() * sizeof(capture_box);

@@ -33,6 +33,8 @@ struct random_desktop {
     bool lost;                    // the duplication is lost at its next use
     bool whole;                   // a duplication has not shown the desktop yet
     int32_t changes;              // since it did
+    int32_t openings;             // of the duplication, tried or done
+    int32_t spot_x, spot_y;       // where changes are worth more than elsewhere
     std::vector<host::capture_move> moves;
     std::vector<host::capture_box> dirty;
 };

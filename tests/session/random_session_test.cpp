@@ -122,6 +122,8 @@ static struct {
     std::deque<int64_t> lock_takers;     // messages for which the control thread will take the
                                          // lock: tile of a miss, or -1
     std::vector<uint8_t> missed;         // tiles of the screen: not sent again since a miss
+    int32_t openings;                    // of the duplication, as last seen
+    std::vector<uint8_t> owed;           // tiles of the screen: not sent since it was opened
     std::vector<int64_t> waited;         // tiles of the screen: others sent while it was left
     std::vector<uint64_t> keys;          // the cache's, as last seen
 } run;
@@ -136,6 +138,7 @@ static void fit_grid()
     size_t tiles = (size_t)screen.tiles_x * (size_t)screen.tiles_y;
     if (run.missed.size() != tiles) {
         run.missed.assign(tiles, 0);
+        run.owed.assign(tiles, 0);
         run.waited.assign(tiles, 0);
     }
 }
@@ -181,8 +184,10 @@ static int32_t look_at_messages()
         } else if (header.type == MSG_FRAME_END) {
             happened["frame"]++;
         }
-        if (tile >= 0)
+        if (tile >= 0) {
             run.missed[(size_t)tile] = 0;
+            run.owed[(size_t)tile] = 0;
+        }
     }
     return tiles;
 }
@@ -244,6 +249,10 @@ static void note_unlocking(const lock *l)
             run.missed.assign(run.missed.size(), 0);
             run.waited.assign(run.waited.size(), 0);
         }
+        // A capture that begins anew sends everything again.
+        if (run.openings != desktop.openings && run.session && screen.first_frame_flushed)
+            run.owed.assign(run.owed.size(), 1);
+        run.openings = desktop.openings;
         note_walk(sent);
         if (screen.first_frame_flushed && run.session) {
             if (resized)
@@ -262,8 +271,11 @@ static void note_unlocking(const lock *l)
             return;
         fit_grid();
         int64_t tile = grid_tile((int32_t)(place & 0xFFFF), (int32_t)(place >> 16));
-        if (tile >= 0)
+        if (tile >= 0) {
             run.missed[(size_t)tile] = 1;
+            desktop.spot_x = (int32_t)(place & 0xFFFF) * TILE_SIZE;
+            desktop.spot_y = (int32_t)(place >> 16) * TILE_SIZE;
+        }
     }
 }
 
@@ -471,6 +483,7 @@ static void check_picture() NO_THREAD_SAFETY_ANALYSIS
                 MUST(viewer_shows(black, TILE_ROW_BYTES, tx, ty));
                 continue;
             }
+            MUST(run.owed[(size_t)on_screen] == 0);
             const uint8_t *tile =
                 screen.frame_buffer + host::tile_offset(screen.padded_width, tx, ty);
             if (viewer_shows(tile, pitch, tx, ty))
@@ -569,8 +582,12 @@ static void random_mode()
 {
     if (one_in(3))
         desktop_resize(desktop.width, desktop.height);
-    else if (one_in(3) && screen.hello_width > 0)
+    else if (one_in(4) && screen.hello_width > 0)
         desktop_resize(screen.hello_width, screen.hello_height);
+    else if (one_in(3) && screen.hello_width > 0)
+        desktop_resize(screen.hello_width, 1 + below(2 * screen.hello_height));
+    else if (one_in(3) && screen.hello_width > 0)
+        desktop_resize(1 + below(2 * screen.hello_width), screen.hello_height);
     else
         desktop_resize(1 + below(one_in(2) ? 280 : 65), 1 + below(one_in(2) ? 193 : 65));
 }
@@ -617,11 +634,11 @@ static void random_step()
         run.acks_to_lose = below(5);
     } else if (dice == 59) {
         pointer++;
-    } else if (dice == 60) {
+    } else if (dice == 60 && one_in(2)) {
         desktop.lost = true;
-    } else if (dice == 61 && host::capture_is_duplication() && one_in(2)) {
+    } else if (dice == 61 && host::capture_is_duplication() && one_in(6)) {
         random_mode();
-    } else if (dice == 62 && one_in(10)) {
+    } else if (dice == 62 && one_in(20)) {
         desktop.away = !desktop.away;
     } else if (dice == 63 && run.watching && stepped_at(run.viewer) == AT_RECV) {
         // As the window's thread would. A press and a release, one after the other.
@@ -716,7 +733,7 @@ static int32_t open_desktop()
         desktop_open(1 + below(one_in(2) ? 400 : 65), 1 + below(one_in(4) ? 65 : 260));
     if (desktop.width == 1 && desktop.height == 1)
         happened["screen of one pixel"]++;
-    desktop_draw_all(below(PATTERN_END));
+    desktop_draw_all(one_in(3) ? BLACK : below(PATTERN_END)); // black is not sent at all
     return 200;
 }
 
@@ -778,6 +795,7 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     run.session = nullptr;
     run.lock_takers.clear();
     run.missed.clear();
+    run.owed.clear();
     run.waited.clear();
     tile_cache.cache_enabled = run.cached;
     *sock = stepped_connect(one_in(4) ? 1000 + rnd.below(200000) : SIZE_MAX);
