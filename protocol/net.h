@@ -26,7 +26,8 @@ int net_last_error();
 // (net_last_error says why).
 [[nodiscard]] net_socket net_listen(uint16_t port, int backlog);
 
-// The next connection; NET_INVALID on failure. Blocks.
+// The next connection, which may be dead already; NET_INVALID on a failure of the listening
+// socket. Blocks.
 [[nodiscard]] net_socket net_accept(net_socket listener);
 
 enum net_connect_result {

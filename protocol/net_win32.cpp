@@ -60,7 +60,13 @@ net_socket net_listen(uint16_t port, int backlog)
 
 net_socket net_accept(net_socket listener)
 {
-    return accept((SOCKET)listener, nullptr, nullptr);
+    // A connection that its maker reset while it waited here is not a failure of the listening
+    // socket, though Windows may report it as one: the next may be sound.
+    SOCKET s;
+    do {
+        s = accept((SOCKET)listener, nullptr, nullptr);
+    } while (s == INVALID_SOCKET && WSAGetLastError() == WSAECONNRESET);
+    return s;
 }
 
 net_connect_result net_connect(const char *host, const char *port, bool every_address,

@@ -59,7 +59,7 @@ net_socket net_accept(net_socket listener)
     int fd;
     do {
         fd = accept4((int)listener, nullptr, nullptr, SOCK_CLOEXEC);
-    } while (fd < 0 && errno == EINTR);
+    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
     return fd < 0 ? NET_INVALID : (net_socket)fd;
 }
 
