@@ -434,6 +434,10 @@ static void say_text()
     head.h = (int32_t)take_edge(run.in);
     head.cols = (uint16_t)(kind & 1 ? take_edge(run.in) : 1 + take_below(run.in, 8));
     head.rows = (uint16_t)(kind & 1 ? take_edge(run.in) : 1 + take_below(run.in, 8));
+    if (kind % 32 == 13) { // more cells than there is memory for
+        head.cols = (uint16_t)(0xFFFF - take_u8(run.in));
+        head.rows = (uint16_t)(0xFFFF - take_u8(run.in));
+    }
     head.row_count = (uint16_t)take_below(run.in, 10);
 
     bytes records;
