@@ -7,9 +7,11 @@ import time
 WAIT_SECONDS = 90.0  # an outer limit for a busy machine; what is waited for is quick
 
 # A run of make test takes a sample of each table; QV_SECONDS=n takes all of every table and
-# then goes on at random for so long. QV_SEED=n repeats a run.
+# then goes on at random for so long. QV_SEED=n repeats a run. QV_ATTACKS names the attacks to
+# run, all by itself; "none" leaves what is random.
 SECONDS = float(os.environ.get("QV_SECONDS", "0"))
 SEED = int(os.environ.get("QV_SEED", "0"), 0) or random.SystemRandom().getrandbits(48)
+ONLY = os.environ.get("QV_ATTACKS", "").split()
 rnd = random.Random(SEED)
 
 
@@ -24,6 +26,10 @@ def sample(rows, count):
         return rows
     inner = sorted(rnd.sample(range(1, len(rows) - 1), count - 2))
     return [rows[0]] + [rows[i] for i in inner] + [rows[-1]]
+
+
+def chosen(attacks):
+    return [attack for attack in attacks if not ONLY or attack.__name__ in ONLY]
 
 
 def wait_for(what, condition, seconds=WAIT_SECONDS):
