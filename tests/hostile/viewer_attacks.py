@@ -541,6 +541,10 @@ def text_layers(target):
                     for row in range(5))
     with target.session() as (running, peer):
         picture = Picture(300, 200)
+        # The longest row in the smallest block, before a larger one has made room.
+        for size in (3, 40, 1000):
+            peer.send(text(cols=65535, rows=3, count=65535, raw=b"\1\0" + bytes(size - 2)))
+        silence(peer)
         most = 65535 if SECONDS or not target.thorough else 1000  # the sanitizer pays for all
         for cols, rows in ((1, 1), (65535, 1), (1, 65535), (65535, most), (0, 5), (5, 0),
                            (65535, 0), (256, 256)):
