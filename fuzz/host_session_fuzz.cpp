@@ -25,6 +25,7 @@
 #include "host/screen.h"
 #include "host/text_layer.h"
 #include "host/tile_hash.h"
+#include "host/tile_ops.h"
 #include "protocol/handshake.h"
 #include "protocol/relay_hello.h"
 #include "tests/fakes/clock_script.h"
@@ -35,9 +36,16 @@
 #include "tests/fakes/server_log_record.h"
 #include "tests/fakes/thread_inline.h"
 
+#include <map>
 #include <set>
+#include <utility>
 
 using host::screen;
+
+struct unserved {
+    uint64_t hash;
+    uint32_t frame;
+};
 
 static struct {
     fuzz_input *in;
@@ -53,6 +61,8 @@ static struct {
     // The viewer: its picture, and the tiles about which it lied or was left in the dark.
     picture_model model;
     std::vector<bool> doubtful;
+    // References that the viewer could not serve and has not reported yet, by tile.
+    std::map<std::pair<int32_t, int32_t>, unserved> misses;
     message_reader from_host, from_viewer;
     std::vector<uint64_t> hashes;
     frame_stamp last_end;
@@ -208,13 +218,21 @@ static bool doubted(int32_t tx, int32_t ty)
     return run.doubtful[(size_t)(ty * run.model.columns + tx)];
 }
 
+// The host cannot know of a miss that was not reported, but it knows that there may be one.
+static bool unserved_at(int32_t tx, int32_t ty)
+{
+    return run.misses.count({tx, ty}) != 0;
+}
+
 static void take_move(const copy_rect &r)
 {
     FUZZ_CHECK(run.model.move_fits(r));
     bool from_doubt = false;
     for (int32_t ty = r.src_y / 64; ty <= (r.src_y + r.h - 1) / 64; ty++)
-        for (int32_t tx = r.src_x / 64; tx <= (r.src_x + r.w - 1) / 64; tx++)
+        for (int32_t tx = r.src_x / 64; tx <= (r.src_x + r.w - 1) / 64; tx++) {
+            FUZZ_CHECK(!unserved_at(tx, ty));
             from_doubt = from_doubt || doubted(tx, ty);
+        }
     if (from_doubt)
         for (int32_t ty = r.dst_y / 64; ty <= (r.dst_y + r.h - 1) / 64; ty++)
             for (int32_t tx = r.dst_x / 64; tx <= (r.dst_x + r.w - 1) / 64; tx++)
@@ -237,8 +255,11 @@ static void take_tile_message(const uint8_t *payload, uint32_t length)
     FUZZ_CHECK(head.raw ? head.raw == 1 && length == 13 + TILE_BYTES
                         : length < 13 + TILE_BYTES);
     FUZZ_CHECK(run.model.tile_pixels(payload, length, &content));
-    if (head.raw)
+    if (head.raw) {
         doubt(head.tile_x, head.tile_y, false);
+        run.misses.erase({head.tile_x, head.tile_y});
+    }
+    FUZZ_CHECK(!unserved_at(head.tile_x, head.tile_y));
     bool certain = !doubted(head.tile_x, head.tile_y);
     if (certain && head.hash != 0)
         FUZZ_CHECK(head.hash == tile_hash(content.data()));
@@ -267,7 +288,13 @@ static void take_message(uint8_t type, const uint8_t *payload, uint32_t length)
         FUZZ_CHECK(host::peer_caps & CAP_TILE_CACHE);
         FUZZ_CHECK(ref.hash != 0 && run.model.holds(ref.tile_x, ref.tile_y));
         run.model.apply(type, payload, length);
-        doubt(ref.tile_x, ref.tile_y, run.model.missed);
+        // What was doubtful before stays so until pixels come.
+        if (run.model.missed) {
+            run.misses[{ref.tile_x, ref.tile_y}] = {ref.hash, run.seq + 1};
+        } else {
+            doubt(ref.tile_x, ref.tile_y, false);
+            run.misses.erase({ref.tile_x, ref.tile_y});
+        }
         break;
     }
     case MSG_CURSOR:
@@ -332,7 +359,7 @@ static void check_session() NO_THREAD_SAFETY_ANALYSIS
         return;
     for (int32_t ty = 0; ty < screen.tiles_y; ty++)
         for (int32_t tx = 0; tx < screen.tiles_x; tx++)
-            if (!doubted(tx, ty) &&
+            if (!doubted(tx, ty) && !unserved_at(tx, ty) &&
                 !host::tile_base_uncertain(screen.bases[ty * screen.tiles_x + tx],
                                            s->confirmed_seq))
                 FUZZ_CHECK(same_tile(tx, ty, screen.prev_frame));
@@ -348,7 +375,7 @@ static bool pipeline_step()
 }
 
 // The viewer is silent and the screen stands still: what it told no lie about is right.
-static void come_to_rest()
+static void come_to_rest() NO_THREAD_SAFETY_ANALYSIS
 {
     FUZZ_CHECK(input_record_calls().size() == run.input_calls);
     host::text_layer_reset();
@@ -361,10 +388,16 @@ static void come_to_rest()
         bool rests = host::frame_seq == before && !run.restart && run.changed.empty();
         quiet = rests ? quiet + 1 : 0;
     }
-    for (int32_t ty = 0; ty < run.model.rows; ty++)
-        for (int32_t tx = 0; tx < run.model.columns; tx++)
-            if (tx < screen.tiles_x && ty < screen.tiles_y && !doubted(tx, ty))
+    for (int32_t ty = 0; ty < run.model.rows && ty < screen.tiles_y; ty++)
+        for (int32_t tx = 0; tx < run.model.columns && tx < screen.tiles_x; tx++) {
+            // A black tile that was missed is not sent again, on purpose.
+            uint64_t pitch = (uint64_t)screen.padded_width * 4;
+            bool black = host::tile_is_zero(
+                screen.frame_buffer + host::tile_offset(screen.padded_width, tx, ty), pitch);
+            bool lost = screen.bases[ty * screen.tiles_x + tx].base_state == host::BASE_LOST;
+            if (!doubted(tx, ty) && !unserved_at(tx, ty) && !(black && lost))
                 FUZZ_CHECK(same_tile(tx, ty, screen.frame_buffer));
+        }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -477,6 +510,15 @@ static void say_advert()
 
 static void say_miss()
 {
+    if (take_u8(run.in) % 2 == 0 && !run.misses.empty()) { // all there is to report
+        for (const auto &[tile, miss] : run.misses) {
+            bytes honest(CACHE_MISS_BYTES);
+            put_tile_ref(honest.data(),
+                         {(uint16_t)tile.first, (uint16_t)tile.second, miss.hash});
+            say(MSG_CACHE_MISS, honest);
+        }
+        return;
+    }
     tile_ref ref = {take_u8(run.in), take_u8(run.in), take_hash()};
     if (ref.tile_x < 240 && run.model.columns > 0) {
         ref.tile_x = (uint16_t)(ref.tile_x % (run.model.columns + 1)); // one too far too
@@ -519,8 +561,22 @@ static void catch_up()
         if (header.type == MSG_CACHE_MISS && header.length >= CACHE_MISS_BYTES) {
             tile_ref ref = get_tile_ref(payload);
             run.mirror.erase(ref.hash);
-            if (run.model.holds(ref.tile_x, ref.tile_y))
+            auto miss = run.misses.find({ref.tile_x, ref.tile_y});
+            if (miss != run.misses.end() && miss->second.hash == ref.hash)
+                run.misses.erase(miss); // true: the host knows what it needs to
+            else if (run.model.holds(ref.tile_x, ref.tile_y))
                 doubt(ref.tile_x, ref.tile_y, true);
+        }
+        // An acknowledgement ahead of a frame's misses is a lie about them.
+        if (header.type == MSG_FRAME_ACK && header.length >= FRAME_ACK_BYTES) {
+            uint32_t acked = get_frame_stamp(payload).frame_seq;
+            for (auto miss = run.misses.begin(); miss != run.misses.end();)
+                if ((int32_t)(acked - miss->second.frame) >= 0) {
+                    doubt(miss->first.first, miss->first.second, true);
+                    miss = run.misses.erase(miss);
+                } else {
+                    ++miss;
+                }
         }
     }
     // A payload that is too large ends the session: nothing is read after its header.
@@ -547,7 +603,7 @@ static void session_begins(void *argument)
     FUZZ_CHECK(run.from_host.next(net_memory.sent, &header, &payload) ||
                net_memory.send_limit == 0);
     run.model.open(screen.hello_width, screen.hello_height);
-    run.model.cache.assign(4096, {});
+    run.model.cache.assign(1 + take_below(run.in, 16), {}); // soon full
     run.doubtful.assign((size_t)(run.model.columns * run.model.rows), false);
     if (net_memory.send_limit == 0)
         return;
