@@ -4,6 +4,7 @@
 import pathlib
 import socket
 import subprocess
+import textwrap
 
 import harness
 import relay
@@ -52,22 +53,22 @@ class HarnessTest(harness.E2ETest):
 
     def test_a_test_that_hangs_is_stopped_and_tidied_up(self):
         kept = self.directory / "kept"
-        script = f"""
-import sys
-sys.path.insert(0, {str(pathlib.Path(__file__).parent)!r})
-import harness, pathlib, signal, time
-harness.KEPT_DIR = pathlib.Path({str(kept)!r})
+        script = textwrap.dedent(f"""\
+            import sys
+            sys.path.insert(0, {str(pathlib.Path(__file__).parent)!r})
+            import harness, pathlib, signal, time
+            harness.KEPT_DIR = pathlib.Path({str(kept)!r})
 
-class Hangs(harness.E2ETest):
-    def test(self):
-        machine = self.machine("one", 640, 480)
-        machine.start("notepad")
-        machine.wait_window("Untitled")
-        signal.alarm(1)  # the time is up
-        time.sleep(60)
+            class Hangs(harness.E2ETest):
+                def test(self):
+                    machine = self.machine("one", 640, 480)
+                    machine.start("notepad")
+                    machine.wait_window("Untitled")
+                    signal.alarm(1)  # the time is up
+                    time.sleep(60)
 
-harness.main()
-"""
+            harness.main()
+            """)
         before = set((harness.WINE_DIR / "run").iterdir())
         done = subprocess.run(["/usr/bin/python3", "-c", script], stdin=subprocess.DEVNULL,
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True,
