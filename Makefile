@@ -1,12 +1,13 @@
 # Front door. CMake builds (CMakePresets.json); this file only has the handy names.
 
-.PHONY: help setup windows test fuzz soak mutate demo
+.PHONY: help setup windows test fuzz soak mutate bench demo
 help:
 	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up)"
 	@echo "make windows   build/windows/qv_client.exe and build/windows/qv_host.exe"
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
+	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed)"
 	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
 	@echo
 	@echo "Each first installs what it needs (tools/setup; Debian 12, root or sudo)."
@@ -33,6 +34,10 @@ soak: setup
 
 mutate: setup
 	@tools/mutate
+
+# Under three minutes; docs/performance.md says how to read it.
+bench: setup
+	@tools/bench $(if $(BASE),--base $(BASE))
 
 demo: windows
 	cmake --build --preset mingw-release --parallel 2 --target probe_tool
