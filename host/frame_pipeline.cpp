@@ -1,12 +1,13 @@
 // The frame pipeline: one iteration captures the screen, and when the viewer has room for
 // another frame sends what changed, as one record.
 //
-//   capture_step()    frame_buffer is the newest picture, dirty_map says where to look
-//   pacing_step()     too many frames unacknowledged: the iteration ends, all of it waits
+//   capture_step()      frame_buffer is the newest picture, dirty_map says where to look
+//   pacing_step()       too many frames unacknowledged: the iteration ends, all of it waits
 //   -- host_lock ----
-//   apply_moves()     both pictures, prev_frame and the viewer's, take the screen's moves
-//   walk_tiles()      each dirty tile that differs from prev_frame: a reference, a
-//                     compressed difference or its pixels
+//   apply_moves()       both pictures, prev_frame and the viewer's, take the screen's moves
+//   text_layer_step()   the console in front goes as text; its tiles wait until it goes
+//   walk_tiles()        each dirty tile that differs from prev_frame: a reference, a
+//                       compressed difference or its pixels
 //   -----------------
 //   the log line, the pointer, the frame's end, channel_flush()
 //
@@ -360,6 +361,7 @@ bool frame_pipeline_step(host_session *session)
     lock_enter(&host_lock);
     uint32_t confirmed_seq = session->confirmed_seq;
     apply_moves(confirmed_seq);
+    text_layer_step();
     frame_tiles sent = walk_tiles(budget, confirmed_seq);
     lock_leave(&host_lock);
     pipeline.tiles_sent_total += (uint64_t)sent.handled;

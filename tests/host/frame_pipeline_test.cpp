@@ -3,6 +3,7 @@
 // message handler.
 //
 // Fakes: capture_script cursor_script clock_script flush_record input_record server_log_record
+// Fakes: console_script host_switches
 #include "host/frame_pipeline.h"
 #include "host/cache_mirror.h"
 #include "host/control_thread.h"
@@ -14,6 +15,7 @@
 #include "protocol/thread.h"
 #include "tests/fakes/capture_script.h"
 #include "tests/fakes/clock_script.h"
+#include "tests/fakes/console_script.h"
 #include "tests/fakes/cursor_script.h"
 #include "tests/fakes/flush_record.h"
 #include "tests/fakes/server_log_record.h"
@@ -52,6 +54,7 @@ static void start_session(uint16_t caps = CAP_TILE_CACHE)
     flush_records.clear();
     flush_fails = false;
     flush_hook = nullptr;
+    console_script_reset();
     frame_pipeline_start(caps);
     viewer.open(screen.screen_width, screen.screen_height);
 }
@@ -1136,14 +1139,18 @@ TEST_CASE("no moves are sent while the screen differs in size from the viewer's 
 // ---------------------------------------------------------------------------------------
 // The text layer
 
+constexpr uint16_t CAPS = CAP_TILE_CACHE | CAP_TEXT_LAYER;
+
 TEST_CASE("tiles under the text layer stay dirty, uncounted, until it ends")
 {
-    start(384, 64);
+    start(384, 64, CAPS);
     test_random random = test_random_seeded("text layer");
-    text_layer = {true, 60, 0, 250, 64}; // covers the tiles 1 and 2, and a part of 0 and 3
+    console_script_show({60, 0, 250, 64, 20, 4}); // the tiles 1 and 2, a part of 0 and 3
     fill_noise(whole(), &random);
     session.tile_budget = 3;
-    std::vector<tile_ref> sent = tiles_in(step());
+    std::vector<model_message> frame = step();
+    CHECK(frame[0].type == MSG_TEXT_LAYER);
+    std::vector<tile_ref> sent = tiles_in(frame);
     REQUIRE(sent.size() == 3);
     CHECK(sent[0].tile_x == 0);
     CHECK(sent[1].tile_x == 3);
@@ -1158,9 +1165,63 @@ TEST_CASE("tiles under the text layer stay dirty, uncounted, until it ends")
     CHECK(sent[0].tile_x == 0); // so the next walk began at the first tile
     CHECK(step().empty());
 
-    text_layer_reset();
-    CHECK(tiles_in(step()).size() == 2);
+    console_now.in_front = false;
+    frame = step();
+    REQUIRE(frame.size() == 4); // all in one frame
+    CHECK(frame[0].type == MSG_TEXT_LAYER);
+    CHECK(frame[0].payload == std::vector<uint8_t>(26));
+    CHECK(tiles_in(frame).size() == 2);
+    CHECK(frame[3].type == MSG_FRAME_END);
     CHECK(picture_right());
+}
+
+TEST_CASE("a console that moves uncovers tiles in the frame that tells its new place")
+{
+    start(384, 64, CAPS);
+    test_random random = test_random_seeded("moving console");
+    console_script_show({0, 0, 128, 64, 16, 4});
+    fill_noise(whole(), &random);
+    CHECK(tiles_in(step()).size() == 4);
+    console_now.view.left = 64;
+    console_now.view.right = 192;
+    std::vector<model_message> frame = step();
+    CHECK(frame[0].type == MSG_TEXT_LAYER);
+    std::vector<tile_ref> sent = tiles_in(frame);
+    REQUIRE(sent.size() == 1);
+    CHECK(sent[0].tile_x == 0);
+    CHECK(tile_shown(0, 0));
+    CHECK_FALSE(tile_shown(1, 0)); // never sent
+    CHECK(tile_shown(2, 0));       // was sent before the console came
+}
+
+TEST_CASE("in a frame the text layer follows the moves and precedes the tiles")
+{
+    start(192, 64, CAPS);
+    test_random random = test_random_seeded("order");
+    fill_noise(whole(), &random);
+    step();
+    console_script_show({0, 0, 60, 60, 8, 4});
+    move_block({0, 0, 64, 0, 64, 64});
+    fill_noise(tile_rect(2, 0), &random);
+    cursor_script_now.x++;
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() == 5);
+    CHECK(frame[0].type == MSG_COPY_RECTS);
+    CHECK(frame[1].type == MSG_TEXT_LAYER);
+    CHECK(frame[2].type == MSG_TILE);
+    CHECK(frame[3].type == MSG_CURSOR);
+    CHECK(frame[4].type == MSG_FRAME_END);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a viewer that did not ask for text gets pixels")
+{
+    start(128, 64, CAP_TILE_CACHE);
+    console_script_show({0, 0, 128, 64, 16, 4});
+    fill(whole(), RED);
+    CHECK(count_type(step(), MSG_TEXT_LAYER) == 0);
+    CHECK(picture_right());
+    CHECK(console_now.attaches == 0);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -1172,7 +1233,7 @@ TEST_CASE("a session starts with nothing of the one before")
     uint64_t red = teach(RED);
     fill(tile_rect(1, 0), GREEN);
     step();
-    text_layer = {true, 0, 0, 128, 64};
+    text_layer = {true, 0, 0, 128, 64, 16, 4};
     out_append("left over", 9);
     uint32_t seq = frame_seq;
     start_session();

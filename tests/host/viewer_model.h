@@ -189,6 +189,12 @@ struct viewer_model {
             }
             break;
         }
+        case 4: // drawn over the picture, which stays as it is
+            REQUIRE(m.payload.size() >= 26);
+            break;
+        case 6:
+            REQUIRE(m.payload.size() >= 2);
+            break;
         case 5:
             REQUIRE(m.payload.size() == 9);
             break;

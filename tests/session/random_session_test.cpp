@@ -1,4 +1,5 @@
 // Fakes: stepped random_desktop identity_script input_record server_log_record window_posts
+// Fakes: console_script
 // Parts: 2
 //
 // One property over everything: whatever happens, and in whatever order, the viewer shows the
@@ -9,10 +10,11 @@
 //
 // What must hold: when nothing is under way, the viewer shows prev_frame wherever the host is
 // certain of it, and all that its cache holds has the hash under which it is kept. When the
-// desktop rests too, the viewer shows the desktop, in all four bytes. The one exception is
-// made on purpose and known tile by tile: a tile that was missed and is black now. No tile
-// waits for ever behind others that change all the time. And a session ends when its
-// connection does, not before.
+// desktop rests too, the viewer shows the desktop, in all four bytes. Two exceptions are made
+// on purpose and known tile by tile: a tile that was missed and is black now, and a tile under
+// a console that is shown as text, of which the viewer has every cell. No tile waits for ever
+// behind others that change all the time. And a session ends when its connection does, not
+// before.
 //
 // The sessions of `make test` are always the same ones, so what they did can be asserted. In
 // the environment:
@@ -35,6 +37,7 @@
 #include "host/tile_hash.h"
 #include "host/tile_ops.h"
 #include "protocol/handshake.h"
+#include "tests/fakes/console_script.h"
 #include "tests/fakes/identity_script.h"
 #include "tests/fakes/input_record.h"
 #include "tests/fakes/random_desktop.h"
@@ -107,6 +110,7 @@ static struct {
     host::host_session *session;         // the same
     bool cached;                         // the viewer has a cache,
     bool wants_cache;                    // and says so
+    bool wants_text;                     // likewise of consoles
     bool advertises;                     // what it holds, and some that it does not
     bool watching;                       // its hello was answered
     bool refused;                        // with a screen that is none
@@ -179,6 +183,12 @@ static int32_t look_at_messages()
             happened["move"] += header.length / COPY_RECT_BYTES;
             if (header.length / COPY_RECT_BYTES < (uint32_t)run.moves_captured)
                 happened["move left out beside others"]++;
+        } else if (header.type == MSG_TEXT_LAYER) {
+            MUST(run.wants_text);
+            text_layer_head head = get_text_layer_head(payload);
+            happened[head.rows == 0                ? "console gone"
+                     : head.row_count == head.rows ? "console"
+                                                   : "console's rows"]++;
         } else if (header.type == MSG_CURSOR) {
             happened["pointer"]++;
         } else if (header.type == MSG_FRAME_END) {
@@ -367,7 +377,9 @@ static bool exchange_hellos()
 {
     uint8_t message[MESSAGE_HEADER_BYTES + SERVER_HELLO_BYTES];
     put_header(message, MSG_CLIENT_HELLO, CLIENT_HELLO_BYTES);
-    put_client_hello(message + MESSAGE_HEADER_BYTES, run.wants_cache ? CAP_TILE_CACHE : 0, "v");
+    uint16_t caps = (uint16_t)((run.wants_cache ? CAP_TILE_CACHE : 0) |
+                               (run.wants_text ? CAP_TEXT_LAYER : 0));
+    put_client_hello(message + MESSAGE_HEADER_BYTES, caps, "v");
     viewer::viewer_send(message, MESSAGE_HEADER_BYTES + CLIENT_HELLO_BYTES);
     if (!viewer::viewer_recv(message, sizeof message))
         return false;
@@ -443,7 +455,8 @@ static void check_certain_tiles(bool at_rest) NO_THREAD_SAFETY_ANALYSIS
                 MUST(viewer_shows(tile, pitch, tx, ty));
                 continue;
             }
-            bool known = run.missed[(size_t)grid_tile(tx, ty)] != 0;
+            bool known = run.missed[(size_t)grid_tile(tx, ty)] != 0 ||
+                         host::text_layer_covers(tx, ty); // its turn comes when that goes
             MUST(!at_rest || known);
         }
     happened["certain tiles compared"]++;
@@ -483,6 +496,10 @@ static void check_picture() NO_THREAD_SAFETY_ANALYSIS
                 MUST(viewer_shows(black, TILE_ROW_BYTES, tx, ty));
                 continue;
             }
+            if (host::text_layer_covers(tx, ty)) {
+                happened["tile under a console"]++;
+                continue;
+            }
             MUST(run.owed[(size_t)on_screen] == 0);
             const uint8_t *tile =
                 screen.frame_buffer + host::tile_offset(screen.padded_width, tx, ty);
@@ -493,6 +510,28 @@ static void check_picture() NO_THREAD_SAFETY_ANALYSIS
             happened["black tile missed and kept"]++;
         }
     happened["picture compared at rest"]++;
+}
+
+// The viewer shows the console in front where it stands, with all of its cells, and none when
+// none is in front or it did not ask for text.
+static void check_console() NO_THREAD_SAFETY_ANALYSIS
+{
+    bool on = run.wants_text && console_now.in_front;
+    MUST(frame.text_active == on);
+    MUST(host::text_layer.text_active == on);
+    MUST(console_now.attached == 0);
+    if (!on)
+        return;
+    const host::console_view &view = console_now.view;
+    MUST(frame.text_x == view.left && frame.text_w == view.right - view.left);
+    MUST(frame.text_y == view.top && frame.text_h == view.bottom - view.top);
+    MUST(frame.text_cols == view.cols && frame.text_rows == view.rows);
+    for (size_t i = 0; i < console_now.cells.size(); i++) {
+        const host::console_cell &cell = console_now.cells[i];
+        MUST(load_le16(frame.text_cells + i * 3) == cell.character);
+        MUST(frame.text_cells[i * 3 + 2] == (uint8_t)cell.attributes);
+    }
+    happened["console compared at rest"]++;
 }
 
 // Every key that the viewer sent was pressed and released on the host, in order.
@@ -601,10 +640,48 @@ static void set_budget(int32_t budget)
     run.session->tile_budget = budget;
 }
 
+// A console comes to the front or leaves it, moves, gets another size, writes or scrolls.
+static void random_console()
+{
+    host::console_view view = console_now.view;
+    int32_t dice = below(8);
+    if (console_now.cells.empty() || dice == 0) {
+        view.cols = 1 + below(one_in(8) ? host::TEXT_COLS_MAX : 40);
+        view.rows = 1 + below(one_in(8) ? host::TEXT_ROWS_MAX : 12);
+        console_script_show(view);
+    }
+    if (dice < 2) { // it may reach beyond the screen, and hold all of it
+        host::capture_box box = desktop_box();
+        view.left = one_in(2) ? box.left : -below(100);
+        view.top = one_in(2) ? box.top : -below(100);
+        view.right = one_in(2) ? box.right : desktop.width + below(100);
+        view.bottom = one_in(2) ? box.bottom : desktop.height + below(100);
+        console_now.view = view;
+    } else if (dice == 2) {
+        console_now.in_front = !console_now.in_front;
+    } else if (dice == 3) {
+        console_now.in_front = true;
+        console_now.reads_until_failure = -1;
+    } else if (dice == 4 && one_in(2)) {
+        console_now.reads_until_failure = 0;
+        happened["console not read"]++;
+    } else if (dice == 5) {
+        console_now.cells.erase(console_now.cells.begin(),
+                                console_now.cells.begin() + view.cols);
+        console_now.cells.resize(console_now.cells.size() + (size_t)view.cols, {'$', 0x1A});
+    } else {
+        for (int32_t n = below(5); n >= 0; n--)
+            console_now.cells[rnd.below(console_now.cells.size())] = {
+                (uint16_t)rnd.below(65536), (uint16_t)rnd.below(65536)};
+    }
+}
+
 static void random_step()
 {
     steps++;
     stepped_clock += (uint32_t)below(run.pace_ms);
+    if (one_in(20))
+        random_console();
     int32_t dice = below(64);
     if (dice < 12) {
         if (run.busy) {
@@ -628,8 +705,9 @@ static void random_step()
     } else if (dice < 57) {
         set_budget(one_in(8) ? host::TILE_BUDGET_MAX : host::TILE_BUDGET_MIN + below(20));
     } else if (dice == 57) {
-        host::capture_box box = desktop_box();
-        host::text_layer = {one_in(2), box.left, box.top, box.right, box.bottom};
+        console_now.reads_until_failure = -1;
+        for (int32_t n = below(4); n >= 0; n--)
+            random_console();
     } else if (dice == 58) {
         run.acks_to_lose = below(5);
     } else if (dice == 59) {
@@ -656,7 +734,9 @@ static void random_step()
 // Leaves everybody in peace until nothing is sent any more.
 static void come_to_rest()
 {
-    host::text_layer_reset();
+    console_now.reads_until_failure = -1;
+    if (one_in(2))
+        console_now.in_front = false;
     run.calm = true;
     desktop.calm = true;
     desktop.away = false;
@@ -682,6 +762,7 @@ static void come_to_rest()
     check_certain_tiles(true);
     check_cache(false);
     check_picture();
+    check_console();
     check_input();
     run.calm = false;
     desktop.calm = false;
@@ -783,6 +864,7 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
 {
     run.cached = !one_in(10);
     run.wants_cache = !one_in(8);
+    run.wants_text = !one_in(3);
     run.busy = one_in(6);
     run.pace_ms = one_in(2) ? 1 : one_in(2) ? 4 : 40;
     run.advertises = run.cached && one_in(2);
@@ -848,6 +930,7 @@ static void play(uint64_t seed) NO_THREAD_SAFETY_ANALYSIS
     pointer = (uint32_t)seed * 1000 + 1; // not where the last seed's was
     identity_script_reset(0);
     server_log_clear();
+    console_script_reset();
     int32_t length = open_desktop();
     desktop.duplicates = !one_in(5);
     renew_cache();
@@ -893,6 +976,11 @@ static const struct {
     {"capture restarted, same size", 300},
     {"capture restarted, other size", 100},
     {"certain tiles compared", 20000},
+    {"console", 500},
+    {"console compared at rest", 100},
+    {"console gone", 250},
+    {"console not read", 200},
+    {"console's rows", 150},
     {"control thread left behind", 150},
     {"cut", 400},
     {"cut inside what the host sent", 100},
@@ -917,6 +1005,7 @@ static const struct {
     {"tile outside, cleared", 300},
     {"tile raw", 1500},
     {"tile raw, in doubt", 200},
+    {"tile under a console", 100},
     {"walk ended early", 100},
 };
 
