@@ -6,6 +6,7 @@
 //   -- host_lock ----
 //   apply_moves()       both pictures, prev_frame and the viewer's, take the screen's moves
 //   text_layer_step()   the console in front goes as text; its tiles wait until it goes
+//   window_list_step()  the visible windows, if the host is to tell them and they changed
 //   walk_tiles()        each dirty tile that differs from prev_frame: a reference, a
 //                       compressed difference or its pixels
 //   -----------------
@@ -32,6 +33,7 @@
 #include "host/text_layer.h"
 #include "host/tile_hash.h"
 #include "host/tile_ops.h"
+#include "host/window_list.h"
 #include "identity/server_log.h"
 #include "protocol/clock.h"
 #include "protocol/messages.h"
@@ -362,6 +364,7 @@ bool frame_pipeline_step(host_session *session)
     uint32_t confirmed_seq = session->confirmed_seq;
     apply_moves(confirmed_seq);
     text_layer_step();
+    window_list_step();
     frame_tiles sent = walk_tiles(budget, confirmed_seq);
     lock_leave(&host_lock);
     pipeline.tiles_sent_total += (uint64_t)sent.handled;
@@ -394,6 +397,7 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.cache_refs_total = 0;
     out_reset();
     text_layer_reset();
+    window_list_reset();
     pipeline.last_iteration_tick = clock_ms();
 }
 

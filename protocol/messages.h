@@ -47,6 +47,8 @@ constexpr uint32_t SERVER_HELLO_BYTES = 44;
 constexpr uint32_t COPY_RECT_BYTES = 24; // each entry of MSG_COPY_RECTS
 constexpr uint32_t TILE_HEAD_BYTES = 13;
 constexpr uint32_t TEXT_LAYER_HEAD_BYTES = 26;
+constexpr uint32_t WINDOW_LIST_HEAD_BYTES = 2;
+constexpr uint32_t WINDOW_HEAD_BYTES = 22;
 constexpr uint32_t CURSOR_BYTES = 9;
 constexpr uint32_t FRAME_END_BYTES = 8;
 constexpr uint32_t TILE_REF_BYTES = 12;
@@ -254,6 +256,32 @@ inline void put_cursor(uint8_t *p, int32_t x, int32_t y, uint8_t visible)
     store_le32(p, (uint32_t)x);
     store_le32(p + 4, (uint32_t)y);
     p[8] = visible;
+}
+
+// MSG_WINDOW_LIST    offset size  field
+//                    0      u16   count of records, topmost window first; of each:
+//                    0      u32   window handle, its low 32 bits
+//                    4      i32   x, y, width, height of the frame, host screen pixels
+//                    20     u8    WINDOW_FOREGROUND, WINDOW_MINIMISED
+//                    21     u8    bytes of the title, which follow in the host's code page
+constexpr uint8_t WINDOW_FOREGROUND = 1 << 0;
+constexpr uint8_t WINDOW_MINIMISED = 1 << 1;
+
+struct window_head {
+    uint32_t handle;
+    int32_t x, y, width, height;
+    uint8_t flags;
+};
+
+inline void put_window_head(uint8_t *p, const window_head &w, uint8_t title_bytes)
+{
+    store_le32(p, w.handle);
+    store_le32(p + 4, (uint32_t)w.x);
+    store_le32(p + 8, (uint32_t)w.y);
+    store_le32(p + 12, (uint32_t)w.width);
+    store_le32(p + 16, (uint32_t)w.height);
+    p[20] = w.flags;
+    p[21] = title_bytes;
 }
 
 // MSG_FRAME_END and MSG_FRAME_ACK (which returns the 8 bytes unchanged)

@@ -3,7 +3,7 @@
 // message handler.
 //
 // Fakes: capture_script cursor_script clock_script flush_record input_record server_log_record
-// Fakes: console_script host_switches
+// Fakes: console_script host_switches window_list_script
 #include "host/frame_pipeline.h"
 #include "host/cache_mirror.h"
 #include "host/control_thread.h"
@@ -18,7 +18,9 @@
 #include "tests/fakes/console_script.h"
 #include "tests/fakes/cursor_script.h"
 #include "tests/fakes/flush_record.h"
+#include "tests/fakes/host_switches.h"
 #include "tests/fakes/server_log_record.h"
+#include "tests/fakes/window_list_script.h"
 #include "tests/host/lz4_plain.h"
 #include "tests/host/test_desktop.h"
 #include "tests/host/viewer_model.h"
@@ -1222,6 +1224,36 @@ TEST_CASE("a viewer that did not ask for text gets pixels")
     CHECK(count_type(step(), MSG_TEXT_LAYER) == 0);
     CHECK(picture_right());
     CHECK(console_now.attaches == 0);
+}
+
+// ---------------------------------------------------------------------------------------
+// The window list
+
+TEST_CASE("each session's first frame has a list of windows, even of none, where it is on")
+{
+    host_switch_window_list = 1;
+    windows_now.clear();
+    start(128, 64, CAPS);
+    console_script_show({0, 0, 60, 60, 8, 4});
+    fill(whole(), RED);
+    for (int i = 0; i < 2; i++) {
+        std::vector<model_message> frame = step();
+        REQUIRE(frame.size() >= 4);
+        CHECK(frame[0].type == MSG_TEXT_LAYER);
+        CHECK(frame[1].type == MSG_WINDOW_LIST);
+        CHECK(frame[1].payload == std::vector<uint8_t>(2));
+        CHECK(tiles_in(frame).size() == 2);
+        CHECK(step().empty());
+        start_session(CAPS);
+        console_script_show({0, 0, 60, 60, 8, 4});
+    }
+    windows_now = {{{1, 2, 3, 4, 5, 0}, "a window"}};
+    step();
+    windows_now[0].head.x++;
+    CHECK(step().size() == 2); // the list alone, and the frame's end
+    host_switch_window_list = 0;
+    windows_now.clear();
+    CHECK(step().empty());
 }
 
 // ---------------------------------------------------------------------------------------

@@ -27,6 +27,8 @@ TEST_CASE("payloads have their sizes")
     CHECK(COPY_RECT_BYTES == 24);
     CHECK(TILE_HEAD_BYTES == 13);
     CHECK(TEXT_LAYER_HEAD_BYTES == 26);
+    CHECK(WINDOW_LIST_HEAD_BYTES == 2);
+    CHECK(WINDOW_HEAD_BYTES == 22);
     CHECK(CURSOR_BYTES == 9);
     CHECK(FRAME_END_BYTES == 8);
     CHECK(TILE_REF_BYTES == 12);
@@ -232,6 +234,23 @@ TEST_CASE("a text layer of zeros is the one that switches it off")
     CHECK(wrote(g, zeros, TEXT_LAYER_HEAD_BYTES));
     CHECK(get_text_layer_head(zeros).cols == 0);
     CHECK(get_text_layer_head(zeros).rows == 0);
+}
+
+TEST_CASE("a window of the list is its handle, frame, flags and the length of its title")
+{
+    CHECK(WINDOW_FOREGROUND == 1);
+    CHECK(WINDOW_MINIMISED == 2);
+    const uint8_t expected[] = {
+        0x44, 0x33, 0x22, 0x11, // handle
+        0xF8, 0xFF, 0xFF, 0xFF, // x -8
+        0x02, 0x01, 0x00, 0x00, // y 0x0102
+        0x80, 0x02, 0x00, 0x00, // width 640
+        0xE0, 0x01, 0x00, 0x00, // height 480
+        0x03, 0xC7,             // flags, 199 bytes of title
+    };
+    guarded g = untouched();
+    put_window_head(g.bytes, {0x11223344, -8, 0x0102, 640, 480, 3}, 199);
+    CHECK(wrote(g, expected, WINDOW_HEAD_BYTES));
 }
 
 TEST_CASE("a cursor message is a position and a flag")
