@@ -1,0 +1,194 @@
+#include "relay/options.h"
+
+#include "relay/hello.h"
+
+#include <CLI/CLI.hpp>
+
+#include <charconv>
+#include <fstream>
+
+namespace relay
+{
+
+std::optional<address_range> parse_range(const std::string &text)
+{
+    const std::size_t slash = text.find('/');
+    asio::error_code error;
+    const asio::ip::address base =
+        plain_address(asio::ip::make_address(text.substr(0, slash), error));
+    if (error)
+        return {};
+    const unsigned width = base.is_v4() ? 32 : 128;
+    unsigned bits = width;
+    if (slash != std::string::npos) {
+        const char *first = text.data() + slash + 1, *last = text.data() + text.size();
+        const auto [end, failure] = std::from_chars(first, last, bits);
+        if (failure != std::errc() || end != last || first == last || bits > width)
+            return {};
+    }
+    return address_range{base, bits};
+}
+
+static bool same_bits(const unsigned char *a, const unsigned char *b, unsigned bits)
+{
+    for (; bits >= 8; bits -= 8)
+        if (*a++ != *b++)
+            return false;
+    return bits == 0 || (*a ^ *b) >> (8 - bits) == 0;
+}
+
+bool contains(const address_range &range, const asio::ip::address &address)
+{
+    if (range.base.is_v4() != address.is_v4())
+        return false;
+    if (address.is_v4())
+        return same_bits(range.base.to_v4().to_bytes().data(),
+                         address.to_v4().to_bytes().data(), range.bits);
+    return same_bits(range.base.to_v6().to_bytes().data(), address.to_v6().to_bytes().data(),
+                     range.bits);
+}
+
+bool contains(const std::vector<address_range> &ranges, const asio::ip::address &address)
+{
+    for (const address_range &range : ranges)
+        if (contains(range, address))
+            return true;
+    return false;
+}
+
+std::optional<endpoint> parse_endpoint(const std::string &text)
+{
+    const std::size_t colon = text.rfind(':');
+    if (colon == std::string::npos)
+        return {};
+    std::string host = text.substr(0, colon);
+    if (host.size() >= 2 && host.front() == '[' && host.back() == ']')
+        host = host.substr(1, host.size() - 2);
+    else if (host.find(':') != std::string::npos)
+        return {}; // an IPv6 address needs its brackets
+    asio::error_code error;
+    const asio::ip::address address = asio::ip::make_address(host, error);
+    std::uint16_t port = 0;
+    const char *first = text.data() + colon + 1, *last = text.data() + text.size();
+    const auto [end, failure] = std::from_chars(first, last, port);
+    if (error || failure != std::errc() || end != last || first == last)
+        return {};
+    return endpoint{address, port};
+}
+
+static std::vector<address_range> read_ranges(const std::string &option,
+                                              const std::vector<std::string> &texts)
+{
+    std::vector<address_range> ranges;
+    for (const std::string &text : texts) {
+        const auto range = parse_range(text);
+        if (!range)
+            throw CLI::ValidationError(option, "'" + text + "' is no address or range");
+        ranges.push_back(*range);
+    }
+    return ranges;
+}
+
+static endpoint read_endpoint(const std::string &option, const std::string &text)
+{
+    const auto point = parse_endpoint(text);
+    if (!point)
+        throw CLI::ValidationError(option, "'" + text + "' is no ADDRESS:PORT");
+    return *point;
+}
+
+// One ID a line; blank lines and what follows a '#' do not count.
+static std::unordered_set<std::string> read_ids(const std::string &path)
+{
+    std::ifstream file(path);
+    if (!file)
+        throw CLI::ValidationError("--allowed-ids", "cannot read '" + path + "'");
+    std::unordered_set<std::string> ids;
+    std::string line;
+    while (std::getline(file, line)) {
+        line.erase(std::find(line.begin(), line.end(), '#'), line.end());
+        CLI::detail::trim(line);
+        if (!line.empty())
+            ids.insert(line.substr(0, RELAY_ROOM_BYTES)); // as hellos cut it
+    }
+    return ids;
+}
+
+parsed_options parse_options(int argc, const char *const *argv)
+{
+    CLI::App app("Relay for qv: hosts wait here in the room of their ID, viewers join them.",
+                 "qv_relay");
+    app.get_formatter()->column_width(34);
+    options o = {};
+    std::string listen, metrics, allowed_ids;
+    std::vector<std::string> proxies, hosts, viewers;
+
+    app.add_option("--listen", listen, "where to listen; default: port 7000 of all addresses")
+        ->type_name("ADDRESS:PORT");
+    app.add_option("--metrics", metrics, "where to serve Prometheus metrics; 'none' for none")
+        ->type_name("ADDRESS:PORT")
+        ->default_val(QV_RELAY_METRICS);
+    app.add_option("--trust-proxy", proxies,
+                   "proxies that say their clients' addresses (PROXY protocol version 2)")
+        ->type_name("RANGE");
+    app.add_option("--allow-hosts", hosts, "where hosts may come from; default: anywhere")
+        ->type_name("RANGE");
+    app.add_option("--allow-viewers", viewers, "where viewers may come from; default: anywhere")
+        ->type_name("RANGE");
+    app.add_option("--allowed-ids", allowed_ids, "only these IDs: a file with one a line")
+        ->type_name("FILE");
+
+    const auto number = [&](const char *name, auto &value, auto preset, double least,
+                            double most, const char *text) {
+        app.add_option(name, value, text)
+            ->default_val(preset)
+            ->check(CLI::Range(least, most))
+            ->type_name("");
+    };
+    number("--hello-seconds", o.hello_seconds, 5, 0.1, 60, "time for the hello, at most 60");
+    number("--viewer-wait-seconds", o.viewer_wait_seconds, 10, 0, 300,
+           "how long a viewer waits for its host, at most 300");
+    number("--handshake-seconds", o.handshake_seconds, 10, 0.1, 60,
+           "time for a pair's handshake, at most 60");
+    number("--drain-seconds", o.drain_seconds, 600, 0, 86400,
+           "time for the pairs that are left at the end, at most 86400");
+    number("--logins-per-room", o.logins_per_room, 10, 1, 10000,
+           "failed log-ins a minute before back-off, at most 10000");
+    number("--logins-per-address", o.logins_per_address, 5, 1, 10000,
+           "the same for one address, at most 10000");
+    number("--connections", o.connections, 4000, 1, 1000000, "in all, at most 1000000");
+    number("--connections-per-address", o.connections_per_address, 200, 1, 1000000,
+           "at most 1000000");
+    number("--accepts-per-address", o.accepts_per_address, 20, 0.01, 100000,
+           "new connections a second, at most 100000");
+    number("--accept-burst", o.accept_burst, 100, 1, 1000000,
+           "new connections at once from one address, at most 1000000");
+    number("--rooms", o.rooms, 1000, 1, 1000000, "at most 1000000");
+    number("--viewers-per-room", o.viewers_per_room, 8, 1, 1000, "that wait, at most 1000");
+    number("--buffer-bytes", o.buffer_bytes, 262144, 1024, 16777216,
+           "per direction of a pair, at most 16777216");
+    number("--pair-bytes-per-second", o.pair_bytes_per_second, 125e6, 1000, 100e9,
+           "both directions of a pair, at most 100e9");
+    number("--total-bytes-per-second", o.total_bytes_per_second, 1000e6, 1000, 100e9,
+           "all pairs together, at most 100e9");
+    app.add_flag("--quiet", o.quiet, "log only what is refused or goes wrong");
+    app.set_config("--config", "", "a file with any of these: one 'name = value' a line");
+
+    try {
+        app.parse(argc, argv);
+        if (!listen.empty())
+            o.listen = read_endpoint("--listen", listen);
+        if (metrics != "none" && !metrics.empty())
+            o.metrics = read_endpoint("--metrics", metrics);
+        o.trusted_proxies = read_ranges("--trust-proxy", proxies);
+        o.hosts = read_ranges("--allow-hosts", hosts);
+        o.viewers = read_ranges("--allow-viewers", viewers);
+        if (!allowed_ids.empty())
+            o.allowed_ids = read_ids(allowed_ids);
+    } catch (const CLI::ParseError &error) {
+        return {.settings = {}, .exit_status = app.exit(error)};
+    }
+    return {.settings = std::move(o)};
+}
+
+} // namespace relay

@@ -1,0 +1,405 @@
+#include "relay/server.h"
+
+#include "relay/hello.h"
+#include "relay/log.h"
+
+#include <asio/co_spawn.hpp>
+#include <asio/detached.hpp>
+#include <asio/ip/v6_only.hpp>
+#include <asio/read.hpp>
+
+#include <array>
+#include <chrono>
+#include <exception>
+
+namespace relay
+{
+
+using asio::ip::tcp;
+
+static constexpr std::uint16_t RELAY_PORT = 7000;
+static constexpr std::chrono::milliseconds ACCEPT_PAUSE(100); // when the system has no more
+
+// What one side may send before it has met the other. A viewer sends its key, 32 bytes.
+static constexpr std::size_t EARLY_STEP_BYTES = 256;
+static constexpr std::size_t EARLY_MAX_BYTES = 65536;
+
+static std::chrono::nanoseconds seconds(double s)
+{
+    return std::chrono::nanoseconds((std::int64_t)(s * 1e9));
+}
+
+server::server(asio::io_context &io, const options &settings, counters &numbers)
+    : io_(io), settings_(settings), numbers_(numbers), acceptor_(io), drain_timer_(io),
+      rooms_({.rooms = settings.rooms, .viewers_per_room = settings.viewers_per_room}),
+      accepts_(settings.accepts_per_address, settings.accept_burst),
+      room_logins_(settings.logins_per_room), address_logins_(settings.logins_per_address),
+      bandwidth_(settings.total_bytes_per_second, settings.total_bytes_per_second / 10,
+                 now_seconds())
+{
+}
+
+void server::start()
+{
+    const auto listen = [&](const tcp::endpoint &where) {
+        acceptor_.open(where.protocol());
+        acceptor_.set_option(asio::socket_base::reuse_address(true));
+        if (where.address().is_v6() && where.address().is_unspecified())
+            acceptor_.set_option(asio::ip::v6_only(false)); // IPv4 as well
+        acceptor_.bind(where);
+        acceptor_.listen(asio::socket_base::max_listen_connections);
+    };
+    if (settings_.listen) {
+        listen(tcp::endpoint(settings_.listen->address, settings_.listen->port));
+    } else {
+        try {
+            listen(tcp::endpoint(tcp::v6(), RELAY_PORT));
+        } catch (const std::system_error &error) {
+            if (error.code() != asio::error::address_family_not_supported)
+                throw;
+            acceptor_.close(); // a machine without IPv6
+            listen(tcp::endpoint(tcp::v4(), RELAY_PORT));
+        }
+    }
+    asio::co_spawn(io_, accept_loop(), asio::detached);
+}
+
+asio::awaitable<void> server::accept_loop()
+{
+    while (!draining_) {
+        asio::error_code error;
+        tcp::socket socket = co_await acceptor_.async_accept(into(error));
+        if (draining_)
+            break;
+        if (error) {
+            if (error == asio::error::connection_aborted)
+                continue; // gone before we looked
+            log(level::warning, "accept: " + error.message());
+            asio::steady_timer pause(io_, ACCEPT_PAUSE);
+            co_await pause.async_wait(asio::use_awaitable);
+            continue;
+        }
+        numbers_.accepted++;
+        auto c = std::make_shared<connection>(std::move(socket), ++last_id_);
+        asio::co_spawn(io_, serve(c), [c](std::exception_ptr failure) {
+            if (!failure)
+                return;
+            try {
+                std::rethrow_exception(failure);
+            } catch (const std::exception &e) {
+                log(level::warning, c->who() + ": " + e.what());
+            }
+            c->close();
+        });
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// From accept to the hello
+
+void server::refuse(connection &c, refusal why, const std::string &detail)
+{
+    numbers_.refused[(std::size_t)why]++;
+    log(level::warning,
+        c.who() + ": refused, " + describe(why).text + (detail.empty() ? "" : ": " + detail));
+    c.close();
+}
+
+refusal server::admit_address(connection &c)
+{
+    const std::string key = c.address.to_string();
+    if (!accepts_.try_take(key, now_seconds()))
+        return refusal::accept_rate;
+    c.of_address.emplace(per_address_, key);
+    if (c.of_address->now() > settings_.connections_per_address)
+        return refusal::connections_of_address;
+    return refusal::none;
+}
+
+// What the hello decides, before anybody else is looked at.
+refusal server::admit_hello(const connection &c)
+{
+    const auto &allowed = c.is_host ? settings_.hosts : settings_.viewers;
+    if (!allowed.empty() && !contains(allowed, c.address))
+        return refusal::address_not_allowed;
+    if (settings_.allowed_ids && !settings_.allowed_ids->contains(c.room))
+        return refusal::id_not_allowed;
+    const double now = now_seconds();
+    if (!c.is_host && (room_logins_.is_closed(c.room, now) ||
+                       address_logins_.is_closed(c.address.to_string(), now)))
+        return refusal::back_off;
+    if (draining_)
+        return refusal::draining;
+    return refusal::none;
+}
+
+asio::awaitable<bool> server::read_proxy_header(connection_ptr c)
+{
+    asio::error_code error;
+    std::array<std::uint8_t, PROXY_HEADER_BYTES> head;
+    co_await asio::async_read(c->socket, asio::buffer(head), into(error));
+    if (error)
+        co_return false; // a proxy that only looks whether somebody listens
+    const auto header = parse_proxy_header(head);
+    if (!header) {
+        refuse(*c, refusal::bad_proxy_header);
+        co_return false;
+    }
+    std::vector<std::uint8_t> body(header->body_bytes);
+    co_await asio::async_read(c->socket, asio::buffer(body), into(error));
+    if (error)
+        co_return false;
+    if (!header->has_client)
+        co_return false;
+    const auto source = parse_proxy_source(*header, body);
+    if (!source) {
+        refuse(*c, refusal::bad_proxy_header);
+        co_return false;
+    }
+    c->address = *source;
+    co_return true;
+}
+
+asio::awaitable<void> server::serve(connection_ptr c)
+{
+    asio::error_code error;
+    const tcp::endpoint peer = c->socket.remote_endpoint(error);
+    if (error)
+        co_return; // gone already
+    c->address = plain_address(peer.address());
+    c->open.emplace(numbers_.connections);
+    if (numbers_.connections > settings_.connections) {
+        refuse(*c, refusal::connections);
+        co_return;
+    }
+    set_socket_options(c->socket);
+    c->socket.non_blocking(true); // for the watcher, which reads what is there
+
+    // One time for all that comes before a room.
+    c->timer.expires_after(seconds(settings_.hello_seconds));
+    c->timer.async_wait([c](asio::error_code cancelled) {
+        if (cancelled || c->has_hello)
+            return;
+        c->is_late = true;
+        c->socket.cancel();
+    });
+    if (contains(settings_.trusted_proxies, c->address) && !co_await read_proxy_header(c)) {
+        c->close();
+        co_return;
+    }
+    if (const refusal why = admit_address(*c); why != refusal::none) {
+        refuse(*c, why);
+        co_return;
+    }
+    std::array<std::uint8_t, RELAY_HELLO_BYTES> bytes;
+    const std::size_t got =
+        co_await asio::async_read(c->socket, asio::buffer(bytes), into(error));
+    if (error) {
+        if (c->is_late)
+            refuse(*c, refusal::hello_late, std::to_string(got) + " bytes of it");
+        else if (got > 0)
+            refuse(*c, refusal::bad_hello, "ends after " + std::to_string(got) + " bytes");
+        c->close();
+        co_return;
+    }
+    const char *detail = "";
+    const auto said = parse_hello(bytes, &detail);
+    if (!said) {
+        refuse(*c, refusal::bad_hello, detail);
+        co_return;
+    }
+    c->has_hello = true;
+    c->timer.cancel();
+    c->is_host = said->is_host;
+    c->room = said->room;
+    c->name = said->name;
+    enter(c);
+}
+
+// ---------------------------------------------------------------------------------------
+// Rooms
+
+void server::enter(connection_ptr c)
+{
+    refusal why = admit_hello(*c);
+    outcome o;
+    if (why == refusal::none) {
+        o = c->is_host ? rooms_.host_arrives(c->id, c->room, c->name, c->address)
+                       : rooms_.viewer_arrives(c->id, c->room);
+        why = o.refused;
+    }
+    if (why != refusal::none) {
+        refuse(*c, why, "room '" + printable(c->room) + "'");
+        return;
+    }
+    (c->is_host ? numbers_.hosts : numbers_.viewers)++;
+    log(level::info, c->who() + ": room '" + printable(c->room) + "', name '" +
+                         printable(c->name) + (o.in_line ? "', waits in line" : "'"));
+    in_rooms_[c->id] = c;
+    c->waits = true;
+    asio::co_spawn(io_, watch(c), asio::detached);
+    if (!c->is_host) {
+        c->timer.expires_after(seconds(settings_.viewer_wait_seconds));
+        c->timer.async_wait([this, c](asio::error_code cancelled) {
+            if (cancelled || !c->waits)
+                return;
+            refuse(*c, refusal::no_host_came, "room '" + printable(c->room) + "'");
+            leave(c);
+        });
+    }
+    apply(o);
+}
+
+// Sees a waiting connection's end, and keeps what it says early for its partner.
+asio::awaitable<void> server::watch(connection_ptr c)
+{
+    while (c->waits) {
+        asio::error_code error;
+        co_await c->socket.async_wait(tcp::socket::wait_read, into(error));
+        if (!c->waits)
+            co_return; // met, or sent away
+        const std::size_t kept = c->early.size();
+        if (!error && kept >= EARLY_MAX_BYTES) {
+            if (!c->is_host)
+                co_return; // its wait is bounded, and the rest stays where it is
+            refuse(*c, refusal::early_flood);
+            break;
+        }
+        std::size_t n = 0;
+        if (!error) {
+            c->early.resize(kept + EARLY_STEP_BYTES);
+            n = c->socket.read_some(asio::buffer(c->early.data() + kept, EARLY_STEP_BYTES),
+                                    error);
+            c->early.resize(kept + n);
+        }
+        if (error && error != asio::error::would_block && error != asio::error::try_again) {
+            log(level::info, c->who() + ": gone while it waited (" + error.message() + ")");
+            break;
+        }
+    }
+    leave(c);
+}
+
+// Takes a connection that waits out of its room and ends it.
+void server::leave(connection_ptr c)
+{
+    c->waits = false;
+    c->close();
+    in_rooms_.erase(c->id);
+    apply(rooms_.ends(c->id));
+}
+
+void server::apply(const outcome &o)
+{
+    for (const connection_id id : o.close) {
+        const auto entry = in_rooms_.extract(id);
+        const connection_ptr old = entry.mapped();
+        numbers_.replaced_hosts++;
+        log(level::warning, old->who() + ": its place in room '" + printable(old->room) +
+                                "' is taken by a new connection from there");
+        old->waits = false;
+        if (const auto p = old->paired.lock())
+            p->close();
+        old->close();
+    }
+    if (o.promoted != 0)
+        log(level::warning, in_rooms_.at(o.promoted)->who() + ": no longer in line, room '" +
+                                printable(in_rooms_.at(o.promoted)->room) + "' is its own");
+    if (o.pair)
+        make_pair(in_rooms_.at(o.pair->host), in_rooms_.extract(o.pair->viewer).mapped());
+    numbers_.rooms = rooms_.rooms();
+    numbers_.waiting_hosts = rooms_.waiting_hosts();
+    numbers_.waiting_viewers = rooms_.waiting_viewers();
+}
+
+// ---------------------------------------------------------------------------------------
+// Pairs
+
+void server::make_pair(connection_ptr host, connection_ptr viewer)
+{
+    for (connection *c : {host.get(), viewer.get()}) {
+        c->waits = false;
+        c->timer.cancel();
+        c->socket.cancel(); // ends its watcher
+    }
+    numbers_.paired++;
+    log(level::info, host->who() + " and " + viewer->who() + ": paired");
+    const auto p = std::make_shared<pair>(host, viewer, settings_, numbers_, bandwidth_);
+    host->paired = p;
+    pairs_.insert(p);
+    numbers_.pairs = pairs_.size();
+    p->start([this](pair &ended) { pair_ended(ended); });
+}
+
+void server::pair_ended(pair &p)
+{
+    log(level::info, p.host().who() + " and " + p.viewer().who() + ": ended after " +
+                         std::to_string(p.bytes_to_host()) + " bytes to the host and " +
+                         std::to_string(p.bytes_to_viewer()) + " to the viewer");
+    if (p.is_failed_login())
+        count_login(p);
+    const connection_id host = p.host().id;
+    pairs_.erase(p.shared_from_this());
+    numbers_.pairs = pairs_.size();
+    in_rooms_.erase(host);
+    apply(rooms_.ends(host));
+    if (draining_ && pairs_.empty())
+        end_drain();
+}
+
+void server::count_login(pair &p)
+{
+    numbers_.failed_logins++;
+    const double now = now_seconds();
+    const std::string room = p.viewer().room, address = p.viewer().address.to_string();
+    std::string text =
+        p.viewer().who() + ": failed to log in to room '" + printable(room) + "'";
+    const double room_closed = room_logins_.failed(room, now);
+    const double address_closed = address_logins_.failed(address, now);
+    if (room_closed > 0)
+        text += ", which takes no viewer for " + std::to_string((int)room_closed) + " s";
+    if (address_closed > 0)
+        text += ", takes nobody from there for " + std::to_string((int)address_closed) + " s";
+    log(level::warning, text);
+}
+
+// ---------------------------------------------------------------------------------------
+// The end
+
+void server::drain(std::function<void()> done)
+{
+    draining_ = true;
+    drained_ = std::move(done);
+    log(level::warning, "ending: " + std::to_string(pairs_.size()) + " pairs left");
+    acceptor_.close();
+    // Viewers first, so that no host that moves up meets one.
+    const auto waiting = in_rooms_; // leave() changes it
+    for (const bool hosts : {false, true}) {
+        for (const auto &[id, c] : waiting) {
+            if (!c->waits || c->is_host != hosts)
+                continue;
+            refuse(*c, refusal::draining);
+            leave(c);
+        }
+    }
+    if (pairs_.empty()) {
+        end_drain();
+        return;
+    }
+    drain_timer_.expires_after(seconds(settings_.drain_seconds));
+    drain_timer_.async_wait([this](asio::error_code cancelled) {
+        if (cancelled)
+            return;
+        const auto left = pairs_;
+        for (const auto &p : left)
+            p->close();
+    });
+}
+
+void server::end_drain()
+{
+    drain_timer_.cancel();
+    drained_();
+}
+
+} // namespace relay

@@ -1,0 +1,82 @@
+// The relay itself: takes connections, reads their hellos, brings hosts and viewers together.
+//
+// One thread runs everything; nothing here is safe to call from another.
+#ifndef QV_RELAY_SERVER_H
+#define QV_RELAY_SERVER_H
+
+#include "relay/connection.h"
+#include "relay/counters.h"
+#include "relay/limits.h"
+#include "relay/options.h"
+#include "relay/pair.h"
+#include "relay/room_table.h"
+
+#include <asio/awaitable.hpp>
+#include <asio/io_context.hpp>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+namespace relay
+{
+
+class server
+{
+  public:
+    // io, settings and numbers outlive the server.
+    server(asio::io_context &io, const options &settings, counters &numbers);
+
+    // Listens; throws std::system_error when it cannot. Connections are served while io runs.
+    void start();
+
+    asio::ip::tcp::endpoint local_endpoint() const
+    {
+        return acceptor_.local_endpoint();
+    }
+
+    // Takes nobody any more and sends away who waits; pairs go on for the settings' time.
+    // done is called once, when the last has ended. To be called once.
+    void drain(std::function<void()> done);
+
+  private:
+    asio::awaitable<void> accept_loop();
+    asio::awaitable<void> serve(connection_ptr c);
+    asio::awaitable<bool> read_proxy_header(connection_ptr c);
+    asio::awaitable<void> watch(connection_ptr c);
+
+    refusal admit_address(connection &c);
+    refusal admit_hello(const connection &c);
+    void enter(connection_ptr c);
+    void leave(connection_ptr c);
+    void apply(const outcome &o);
+    void make_pair(connection_ptr host, connection_ptr viewer);
+    void pair_ended(pair &p);
+    void count_login(pair &p);
+    void end_drain();
+    void refuse(connection &c, refusal why, const std::string &detail = {});
+
+    asio::io_context &io_;
+    const options &settings_;
+    counters &numbers_;
+    asio::ip::tcp::acceptor acceptor_;
+    asio::steady_timer drain_timer_;
+    bool draining_ = false;
+    std::function<void()> drained_;
+
+    room_table rooms_;
+    std::unordered_map<connection_id, connection_ptr> in_rooms_; // all that the table knows
+    std::unordered_set<std::shared_ptr<pair>> pairs_;
+    connection_id last_id_ = 0;
+
+    const std::shared_ptr<address_counts> per_address_ = std::make_shared<address_counts>();
+    keyed_buckets accepts_;
+    login_guard room_logins_, address_logins_;
+    token_bucket bandwidth_;
+};
+
+} // namespace relay
+
+#endif
