@@ -78,6 +78,15 @@ asio::ip::address plain_address(const asio::ip::address &address)
     return address;
 }
 
+std::string limit_key(const asio::ip::address &address)
+{
+    if (address.is_v4())
+        return address.to_string();
+    asio::ip::address_v6::bytes_type network = address.to_v6().to_bytes();
+    std::fill(network.begin() + 8, network.end(), 0);
+    return asio::ip::address_v6(network).to_string() + "/64";
+}
+
 std::string printable(const std::string &text)
 {
     std::string out = text;

@@ -56,6 +56,10 @@ std::optional<asio::ip::address> parse_proxy_source(const proxy_header &header,
 // are compared in this form.
 asio::ip::address plain_address(const asio::ip::address &address);
 
+// Under what an address is counted for limits: an IPv6 address as its network of 64 bits, since
+// whoever has one has them all.
+std::string limit_key(const asio::ip::address &address);
+
 // Text from a peer, fit for one line of a log: what is not printable ASCII becomes '?'.
 std::string printable(const std::string &text);
 

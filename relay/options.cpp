@@ -4,7 +4,9 @@
 
 #include <CLI/CLI.hpp>
 
+#include <algorithm>
 #include <charconv>
+#include <cstdio>
 #include <fstream>
 
 namespace relay
@@ -111,68 +113,102 @@ static std::unordered_set<std::string> read_ids(const std::string &path)
         if (!line.empty())
             ids.insert(line.substr(0, RELAY_ROOM_BYTES)); // as hellos cut it
     }
+    if (file.bad()) // a directory, for one
+        throw CLI::ValidationError("--allowed-ids", "cannot read '" + path + "'");
     return ids;
+}
+
+// 4000 and 0.1, not 4e+03 and 0.100000.
+static std::string plain_number(double n)
+{
+    char text[32];
+    std::snprintf(text, sizeof text, "%.15g", n);
+    return text;
+}
+
+static CLI::Validator between(double least, double most)
+{
+    const std::string range = plain_number(least) + " to " + plain_number(most);
+    return CLI::Validator(
+        [=](const std::string &text) {
+            double n = 0;
+            // A comparison with what is no number is false.
+            const bool is_right = CLI::detail::lexical_cast(text, n) && n >= least && n <= most;
+            return is_right ? std::string() : "'" + text + "' is not " + range;
+        },
+        "");
 }
 
 parsed_options parse_options(int argc, const char *const *argv)
 {
     CLI::App app("Relay for qv: hosts wait here in the room of their ID, viewers join them.",
                  "qv_relay");
-    app.get_formatter()->column_width(34);
+    app.get_formatter()->column_width(32);
+    app.get_formatter()->label("REQUIRED", "required");
     options o = {};
-    std::string listen, metrics, allowed_ids;
+    std::string listen, metrics = QV_RELAY_METRICS, allowed_ids;
     std::vector<std::string> proxies, hosts, viewers;
 
-    app.add_option("--listen", listen, "where to listen; default: port 7000 of all addresses")
+    app.add_option("--listen", listen, "where to listen (port 7000 of all addresses)")
         ->type_name("ADDRESS:PORT");
-    app.add_option("--metrics", metrics, "where to serve Prometheus metrics; 'none' for none")
-        ->type_name("ADDRESS:PORT")
-        ->default_val(QV_RELAY_METRICS);
+    app.add_option("--metrics", metrics,
+                   "where to serve Prometheus metrics, or 'none' (" QV_RELAY_METRICS ")")
+        ->type_name("ADDRESS:PORT");
     app.add_option("--trust-proxy", proxies,
                    "proxies that say their clients' addresses (PROXY protocol version 2)")
         ->type_name("RANGE");
-    app.add_option("--allow-hosts", hosts, "where hosts may come from; default: anywhere")
+    app.add_option("--allow-hosts", hosts, "where hosts may come from (anywhere)")
         ->type_name("RANGE");
-    app.add_option("--allow-viewers", viewers, "where viewers may come from; default: anywhere")
+    app.add_option("--allow-viewers", viewers, "where viewers may come from (anywhere)")
         ->type_name("RANGE");
-    app.add_option("--allowed-ids", allowed_ids, "only these IDs: a file with one a line")
+    app.add_option("--allowed-ids", allowed_ids,
+                   "only these IDs: a file with one a line (any ID)")
         ->type_name("FILE");
 
-    const auto number = [&](const char *name, auto &value, auto preset, double least,
-                            double most, const char *text) {
-        app.add_option(name, value, text)
-            ->default_val(preset)
-            ->check(CLI::Range(least, most))
-            ->type_name("");
+    const auto number = [&](const std::string &name, auto &value, auto preset, double least,
+                            double most, const std::string &text) {
+        value = preset;
+        app.add_option(name, value,
+                       text + " (" + plain_number(preset) + "; " + plain_number(least) +
+                           " to " + plain_number(most) + ")")
+            ->check(between(least, most))
+            ->type_name("N");
     };
-    number("--hello-seconds", o.hello_seconds, 5, 0.1, 60, "time for the hello, at most 60");
+    number("--hello-seconds", o.hello_seconds, 5, 0.1, 60, "from accept to a whole hello");
     number("--viewer-wait-seconds", o.viewer_wait_seconds, 10, 0, 300,
-           "how long a viewer waits for its host, at most 300");
+           "how long a viewer waits for its host");
     number("--handshake-seconds", o.handshake_seconds, 10, 0.1, 60,
-           "time for a pair's handshake, at most 60");
+           "from pairing to the end of the handshake");
+    number("--half-closed-seconds", o.half_closed_seconds, 5, 0, 300,
+           "how long one side may go on after the other has ended");
     number("--drain-seconds", o.drain_seconds, 600, 0, 86400,
-           "time for the pairs that are left at the end, at most 86400");
+           "how long pairs may go on once the relay was told to end");
     number("--logins-per-room", o.logins_per_room, 10, 1, 10000,
-           "failed log-ins a minute before back-off, at most 10000");
+           "failed log-ins a minute to one ID, then back-off");
     number("--logins-per-address", o.logins_per_address, 5, 1, 10000,
-           "the same for one address, at most 10000");
-    number("--connections", o.connections, 4000, 1, 1000000, "in all, at most 1000000");
+           "failed log-ins a minute from one address, then back-off");
+    number("--connections", o.connections, 4000, 1, 1000000, "connections in all");
     number("--connections-per-address", o.connections_per_address, 200, 1, 1000000,
-           "at most 1000000");
+           "connections of one address");
     number("--accepts-per-address", o.accepts_per_address, 20, 0.01, 100000,
-           "new connections a second, at most 100000");
+           "new connections a second from one address");
     number("--accept-burst", o.accept_burst, 100, 1, 1000000,
-           "new connections at once from one address, at most 1000000");
-    number("--rooms", o.rooms, 1000, 1, 1000000, "at most 1000000");
-    number("--viewers-per-room", o.viewers_per_room, 8, 1, 1000, "that wait, at most 1000");
+           "new connections of one address that may come at once");
+    number("--rooms", o.rooms, 1000, 1, 1000000, "rooms, that is IDs, at the same time");
+    number("--viewers-per-room", o.viewers_per_room, 8, 1, 1000,
+           "viewers that wait for one host");
     number("--buffer-bytes", o.buffer_bytes, 262144, 1024, 16777216,
-           "per direction of a pair, at most 16777216");
+           "buffer of one direction of a pair");
     number("--pair-bytes-per-second", o.pair_bytes_per_second, 125e6, 1000, 100e9,
-           "both directions of a pair, at most 100e9");
+           "both directions of one pair");
     number("--total-bytes-per-second", o.total_bytes_per_second, 1000e6, 1000, 100e9,
-           "all pairs together, at most 100e9");
+           "all pairs together");
     app.add_flag("--quiet", o.quiet, "log only what is refused or goes wrong");
-    app.set_config("--config", "", "a file with any of these: one 'name = value' a line");
+    app.set_config("--config", "", "a file with any of these: one 'name = value' a line")
+        ->type_name("FILE");
+    app.allow_config_extras(CLI::config_extras_mode::error);
+    app.footer("In brackets: the default, then the range. A RANGE is an address or "
+               "ADDRESS/BITS;\nseveral may follow one another.");
 
     try {
         app.parse(argc, argv);

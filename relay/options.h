@@ -44,6 +44,7 @@ struct options {
     double hello_seconds;       // from accept to the last byte of the hello
     double viewer_wait_seconds; // for a host
     double handshake_seconds;   // from pairing to the handshake's last byte
+    double half_closed_seconds; // for one side when the other has ended
     double drain_seconds;       // for the pairs that are left when told to end
     double logins_per_room;     // failed ones a minute
     double logins_per_address;
