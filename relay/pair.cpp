@@ -14,9 +14,6 @@ namespace relay
 // A direction starts with a buffer for keystrokes and doubles it while it fills.
 static constexpr std::size_t FIRST_BUFFER_BYTES = 4096;
 
-// How long the other direction may go on after one has ended.
-static constexpr std::chrono::seconds HALF_CLOSED_TIME(5);
-
 double now_seconds()
 {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch())
@@ -45,7 +42,8 @@ pair::pair(connection_ptr host, connection_ptr viewer, const options &settings,
 
 bool pair::is_failed_login() const
 {
-    return to_host_.bytes == HANDSHAKE_BYTES && to_viewer_.bytes == HOST_KEY_BYTES;
+    // More bytes behind a wrong confirmation change nothing.
+    return !stalled_ && to_host_.bytes >= HANDSHAKE_BYTES && to_viewer_.bytes == HOST_KEY_BYTES;
 }
 
 void pair::start(std::function<void(pair &)> ended)
@@ -84,6 +82,7 @@ asio::awaitable<void> pair::watch_handshake(std::shared_ptr<pair>)
         co_return;
     if (to_host_.bytes >= HANDSHAKE_BYTES && to_viewer_.bytes >= HANDSHAKE_BYTES)
         co_return;
+    stalled_ = true;
     numbers_.stalled_handshakes++;
     log(level::warning, host_->who() + " and " + viewer_->who() + ": closed, " +
                             std::to_string(to_host_.bytes) + " and " +
@@ -138,7 +137,7 @@ void pair::direction_done(direction &d, bool in_order)
     // What was under way to this end has been written; it may still be answered.
     asio::error_code ignored;
     d.to.socket.shutdown(asio::ip::tcp::socket::shutdown_send, ignored);
-    timer_.expires_after(HALF_CLOSED_TIME);
+    timer_.expires_after(seconds(settings_.half_closed_seconds));
     timer_.async_wait([self = shared_from_this()](asio::error_code error) {
         if (!error)
             self->close();

@@ -25,8 +25,8 @@ double now_seconds();
 class pair : public std::enable_shared_from_this<pair>
 {
   public:
-    // Bytes of the handshake in each direction, and how far it gets with a wrong password:
-    // the viewer has sent key and confirmation, the host its key.
+    // Bytes of the handshake in each direction. With a wrong password the viewer has sent them
+    // all, key and confirmation, and the host its key alone.
     static constexpr std::uint64_t HANDSHAKE_BYTES = 48;
     static constexpr std::uint64_t HOST_KEY_BYTES = 32;
 
@@ -56,6 +56,7 @@ class pair : public std::enable_shared_from_this<pair>
     {
         return to_viewer_.bytes;
     }
+    // Whether it went, up to its end, as it does with a wrong password.
     bool is_failed_login() const;
 
   private:
@@ -78,7 +79,7 @@ class pair : public std::enable_shared_from_this<pair>
     token_bucket bandwidth_;
     direction to_host_, to_viewer_;
     asio::steady_timer timer_; // the handshake's, then that of a half-closed pair
-    bool closed_ = false;
+    bool closed_ = false, stalled_ = false;
     std::function<void(pair &)> ended_;
 };
 

@@ -4,7 +4,6 @@
 #include "relay/log.h"
 
 #include <asio/co_spawn.hpp>
-#include <asio/detached.hpp>
 #include <asio/ip/v6_only.hpp>
 #include <asio/read.hpp>
 
@@ -20,9 +19,14 @@ using asio::ip::tcp;
 static constexpr std::uint16_t RELAY_PORT = 7000;
 static constexpr std::chrono::milliseconds ACCEPT_PAUSE(100); // when the system has no more
 
-// What one side may send before it has met the other. A viewer sends its key, 32 bytes.
+// What is kept of what one side sends before it has met the other. A viewer sends its key,
+// 32 bytes; what it sends beyond this waits in the system's buffers.
 static constexpr std::size_t EARLY_STEP_BYTES = 256;
-static constexpr std::size_t EARLY_MAX_BYTES = 65536;
+static constexpr std::size_t EARLY_MAX_BYTES = 4096;
+
+// Refusals in the log: so many at once, so many a second. A flood fills no disk.
+static constexpr double REFUSAL_LINES_BURST = 200;
+static constexpr double REFUSAL_LINES_PER_SECOND = 20;
 
 static std::chrono::nanoseconds seconds(double s)
 {
@@ -35,7 +39,8 @@ server::server(asio::io_context &io, const options &settings, counters &numbers)
       accepts_(settings.accepts_per_address, settings.accept_burst),
       room_logins_(settings.logins_per_room), address_logins_(settings.logins_per_address),
       bandwidth_(settings.total_bytes_per_second, settings.total_bytes_per_second / 10,
-                 now_seconds())
+                 now_seconds()),
+      refusal_lines_(REFUSAL_LINES_PER_SECOND, REFUSAL_LINES_BURST, now_seconds())
 {
 }
 
@@ -43,7 +48,9 @@ void server::start()
 {
     const auto listen = [&](const tcp::endpoint &where) {
         acceptor_.open(where.protocol());
+#ifndef _WIN32 // there it would let any program take the port away
         acceptor_.set_option(asio::socket_base::reuse_address(true));
+#endif
         if (where.address().is_v6() && where.address().is_unspecified())
             acceptor_.set_option(asio::ip::v6_only(false)); // IPv4 as well
         acceptor_.bind(where);
@@ -61,7 +68,27 @@ void server::start()
             listen(tcp::endpoint(tcp::v4(), RELAY_PORT));
         }
     }
-    asio::co_spawn(io_, accept_loop(), asio::detached);
+    asio::co_spawn(io_, accept_loop(), [](std::exception_ptr failure) {
+        if (failure)
+            std::rethrow_exception(failure); // out of io's run: no relay without this loop
+    });
+}
+
+// What ends the coroutine of a connection when it fails (no memory, for one).
+auto server::end_on_failure(connection_ptr c)
+{
+    return [this, c](std::exception_ptr failure) {
+        if (!failure)
+            return;
+        try {
+            std::rethrow_exception(failure);
+        } catch (const std::exception &e) {
+            log(level::warning, c->who() + ": " + e.what());
+        }
+        if (c->waits)
+            leave(c);
+        c->close();
+    };
 }
 
 asio::awaitable<void> server::accept_loop()
@@ -81,16 +108,7 @@ asio::awaitable<void> server::accept_loop()
         }
         numbers_.accepted++;
         auto c = std::make_shared<connection>(std::move(socket), ++last_id_);
-        asio::co_spawn(io_, serve(c), [c](std::exception_ptr failure) {
-            if (!failure)
-                return;
-            try {
-                std::rethrow_exception(failure);
-            } catch (const std::exception &e) {
-                log(level::warning, c->who() + ": " + e.what());
-            }
-            c->close();
-        });
+        asio::co_spawn(io_, serve(c), end_on_failure(c));
     }
 }
 
@@ -100,14 +118,21 @@ asio::awaitable<void> server::accept_loop()
 void server::refuse(connection &c, refusal why, const std::string &detail)
 {
     numbers_.refused[(std::size_t)why]++;
+    c.close();
+    if (!refusal_lines_.try_take(1, now_seconds())) {
+        unlogged_refusals_++;
+        return;
+    }
+    if (unlogged_refusals_ > 0)
+        log(level::warning, std::to_string(unlogged_refusals_) + " refusals without a line");
+    unlogged_refusals_ = 0;
     log(level::warning,
         c.who() + ": refused, " + describe(why).text + (detail.empty() ? "" : ": " + detail));
-    c.close();
 }
 
 refusal server::admit_address(connection &c)
 {
-    const std::string key = c.address.to_string();
+    const std::string key = limit_key(c.address);
     if (!accepts_.try_take(key, now_seconds()))
         return refusal::accept_rate;
     c.of_address.emplace(per_address_, key);
@@ -126,34 +151,49 @@ refusal server::admit_hello(const connection &c)
         return refusal::id_not_allowed;
     const double now = now_seconds();
     if (!c.is_host && (room_logins_.is_closed(c.room, now) ||
-                       address_logins_.is_closed(c.address.to_string(), now)))
+                       address_logins_.is_closed(limit_key(c.address), now)))
         return refusal::back_off;
     if (draining_)
         return refusal::draining;
     return refusal::none;
 }
 
+// A connection ended, or its time did, n bytes into what it had to say first. One that said
+// nothing only looked whether somebody listens.
+void server::refuse_unfinished(connection &c, std::size_t n, refusal unfinished)
+{
+    if (c.is_late)
+        refuse(c, refusal::hello_late, std::to_string(n) + " bytes");
+    else if (n > 0)
+        refuse(c, unfinished, "ends after " + std::to_string(n) + " bytes");
+    c.close();
+}
+
 asio::awaitable<bool> server::read_proxy_header(connection_ptr c)
 {
     asio::error_code error;
     std::array<std::uint8_t, PROXY_HEADER_BYTES> head;
-    co_await asio::async_read(c->socket, asio::buffer(head), into(error));
-    if (error)
-        co_return false; // a proxy that only looks whether somebody listens
+    std::size_t got = co_await asio::async_read(c->socket, asio::buffer(head), into(error));
+    if (error) {
+        refuse_unfinished(*c, got, refusal::bad_proxy_header);
+        co_return false;
+    }
     const auto header = parse_proxy_header(head);
     if (!header) {
         refuse(*c, refusal::bad_proxy_header);
         co_return false;
     }
     std::vector<std::uint8_t> body(header->body_bytes);
-    co_await asio::async_read(c->socket, asio::buffer(body), into(error));
-    if (error)
+    got = co_await asio::async_read(c->socket, asio::buffer(body), into(error));
+    if (error) {
+        refuse_unfinished(*c, head.size() + got, refusal::bad_proxy_header);
         co_return false;
+    }
     if (!header->has_client)
-        co_return false;
+        co_return true; // the proxy speaks for itself, under its own address
     const auto source = parse_proxy_source(*header, body);
     if (!source) {
-        refuse(*c, refusal::bad_proxy_header);
+        refuse(*c, refusal::bad_proxy_header, "no address of its client");
         co_return false;
     }
     c->address = *source;
@@ -181,12 +221,10 @@ asio::awaitable<void> server::serve(connection_ptr c)
         if (cancelled || c->has_hello)
             return;
         c->is_late = true;
-        c->socket.cancel();
+        c->close(); // not only what it reads now: what it would read next as well
     });
-    if (contains(settings_.trusted_proxies, c->address) && !co_await read_proxy_header(c)) {
-        c->close();
+    if (contains(settings_.trusted_proxies, c->address) && !co_await read_proxy_header(c))
         co_return;
-    }
     if (const refusal why = admit_address(*c); why != refusal::none) {
         refuse(*c, why);
         co_return;
@@ -194,12 +232,8 @@ asio::awaitable<void> server::serve(connection_ptr c)
     std::array<std::uint8_t, RELAY_HELLO_BYTES> bytes;
     const std::size_t got =
         co_await asio::async_read(c->socket, asio::buffer(bytes), into(error));
-    if (error) {
-        if (c->is_late)
-            refuse(*c, refusal::hello_late, std::to_string(got) + " bytes of it");
-        else if (got > 0)
-            refuse(*c, refusal::bad_hello, "ends after " + std::to_string(got) + " bytes");
-        c->close();
+    if (error || c->is_late) {
+        refuse_unfinished(*c, got, refusal::bad_hello);
         co_return;
     }
     const char *detail = "";
@@ -237,7 +271,10 @@ void server::enter(connection_ptr c)
                          printable(c->name) + (o.in_line ? "', waits in line" : "'"));
     in_rooms_[c->id] = c;
     c->waits = true;
-    asio::co_spawn(io_, watch(c), asio::detached);
+    apply(o);
+    if (!c->waits)
+        return; // its partner was there
+    asio::co_spawn(io_, watch(c), end_on_failure(c));
     if (!c->is_host) {
         c->timer.expires_after(seconds(settings_.viewer_wait_seconds));
         c->timer.async_wait([this, c](asio::error_code cancelled) {
@@ -247,13 +284,12 @@ void server::enter(connection_ptr c)
             leave(c);
         });
     }
-    apply(o);
 }
 
 // Sees a waiting connection's end, and keeps what it says early for its partner.
 asio::awaitable<void> server::watch(connection_ptr c)
 {
-    while (c->waits) {
+    for (;;) {
         asio::error_code error;
         co_await c->socket.async_wait(tcp::socket::wait_read, into(error));
         if (!c->waits)
@@ -351,7 +387,7 @@ void server::count_login(pair &p)
 {
     numbers_.failed_logins++;
     const double now = now_seconds();
-    const std::string room = p.viewer().room, address = p.viewer().address.to_string();
+    const std::string room = p.viewer().room, address = limit_key(p.viewer().address);
     std::string text =
         p.viewer().who() + ": failed to log in to room '" + printable(room) + "'";
     const double room_closed = room_logins_.failed(room, now);

@@ -57,6 +57,8 @@ class server
     void count_login(pair &p);
     void end_drain();
     void refuse(connection &c, refusal why, const std::string &detail = {});
+    void refuse_unfinished(connection &c, std::size_t n, refusal unfinished);
+    auto end_on_failure(connection_ptr c);
 
     asio::io_context &io_;
     const options &settings_;
@@ -74,7 +76,8 @@ class server
     const std::shared_ptr<address_counts> per_address_ = std::make_shared<address_counts>();
     keyed_buckets accepts_;
     login_guard room_logins_, address_logins_;
-    token_bucket bandwidth_;
+    token_bucket bandwidth_, refusal_lines_;
+    std::uint64_t unlogged_refusals_ = 0;
 };
 
 } // namespace relay
