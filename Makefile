@@ -1,9 +1,10 @@
 # Front door. CMake builds (CMakePresets.json); this file only has the handy names.
 
-.PHONY: help setup windows test fuzz soak mutate bench demo
+.PHONY: help setup windows relay test fuzz soak mutate bench demo
 help:
 	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up)"
 	@echo "make windows   build/windows/qv_client.exe and build/windows/qv_host.exe"
+	@echo "make relay     build/relay/qv_relay, where hosts and viewers meet (docs/relay.md)"
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
@@ -19,6 +20,10 @@ windows: setup
 	cmake --preset mingw-release
 	cmake --build --preset mingw-release --parallel 2 --target qv_client_program qv_host_program
 	tools/check_imports build/windows/qv_client.exe build/windows/qv_host.exe
+
+relay: setup
+	cmake --preset linux-release
+	cmake --build --preset linux-release --parallel 2 --target qv_relay_program
 
 test: setup
 	@tools/run_tests

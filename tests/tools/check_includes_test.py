@@ -25,6 +25,9 @@ SOUND = {
     "viewer/frame_decode.h": '#include "host/lz4_block.h"\n#include "protocol/bytes.h"\n',
     "viewer/viewer_cli.h": "",
     "viewer/viewer_cli.cpp": '#include "viewer/viewer_cli.h"\n#include "identity/data_dir.h"\n',
+    "relay/server.h": '#include "protocol/relay_hello.h"\n',
+    "relay/server.cpp": '#include "relay/server.h"\n#include <asio/read.hpp>\n'
+                        "#include <netinet/tcp.h>\n",
     "app/main.cpp": '#include "viewer/frame_decode.h"\n#include "host/screen.h"\n',
 }
 
