@@ -6,7 +6,8 @@
 // all. send_lock is taken around the whole of each send and nothing is taken inside it, so
 // the order is always frame lock, then send lock.
 //
-// Each message leaves as one record, header and payload together.
+// Each message leaves as one record, header and payload together, except advertisements, which
+// are sent before there is a second thread.
 #include "viewer/viewer_channel.h"
 
 #include <string.h>
@@ -66,6 +67,13 @@ bool viewer_send_key(uint16_t virtual_key, bool press)
     put_header(message, MSG_KEY, KEY_BYTES);
     store_le32(message + MESSAGE_HEADER_BYTES, virtual_key | (press ? KEY_PRESS : 0));
     return viewer_send(message, sizeof message);
+}
+
+bool viewer_send_cache_advert(const uint8_t *hashes, uint32_t count)
+{
+    uint8_t header[MESSAGE_HEADER_BYTES];
+    put_header(header, MSG_CACHE_ADVERT, count * 8);
+    return viewer_send(header, sizeof header) && viewer_send(hashes, (uint64_t)count * 8);
 }
 
 } // namespace viewer

@@ -33,6 +33,11 @@ bool viewer_send_cache_miss(const tile_ref &ref);
 bool viewer_send_mouse(const mouse_event &mouse);
 bool viewer_send_key(uint16_t virtual_key, bool press);
 
+// Tells the host of tiles in the cache, by their hashes as they stand in the message: at most
+// CACHE_ADVERT_MAX_HASHES. Header and payload are a record each, so only while one thread
+// sends.
+bool viewer_send_cache_advert(const uint8_t *hashes, uint32_t count);
+
 } // namespace viewer
 
 #endif

@@ -108,7 +108,8 @@ static void teardown()
     net_close(session.viewer_socket);
     channel_reset(&viewer_channel);
 
-    // A window that existed has closed the cache already.
+    // A window that existed has saved and closed the cache already.
+    tile_cache_save_stop();
     lock_enter(&frame_lock);
     tile_cache_close();
     lock_leave(&frame_lock);

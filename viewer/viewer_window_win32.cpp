@@ -7,7 +7,7 @@
 //   created     viewer_window_open
 //   WM_USER     the receive thread finished a frame: invalidate what became dirty
 //   WM_CLOSE    the user closes it, or the receive thread after the connection ended
-//   WM_DESTROY  ends the connection, frees the tile cache, ends the message loop
+//   WM_DESTROY  ends the connection, saves and frees the tile cache, ends the message loop
 #include "viewer/viewer_window.h"
 
 #include "protocol/messages.h"
@@ -28,6 +28,8 @@ namespace viewer
 constexpr UINT WM_REPAINT = WM_USER;
 constexpr UINT_PTR TITLE_TIMER = 1;
 constexpr UINT TITLE_INTERVAL_MS = 1000;
+constexpr UINT_PTR SAVE_TIMER = 2;
+constexpr UINT SAVE_INTERVAL_MS = 300000;
 constexpr char WINDOW_CLASS[] = "qvviewer";
 
 // The window, null when there is none. Set and cleared by the window thread; atomic because
@@ -146,8 +148,12 @@ static void on_destroy()
     // First of all: the receive thread may hold the frame lock while it waits for a host
     // that does not read, and this ends its wait.
     viewer_session_abort();
+    tile_cache_save_stop(); // its thread takes the frame lock, so before that
     frame_lock_for_window();
-    tile_cache_close();
+    if (tile_cache.cache_enabled) {
+        tile_cache_save();
+        tile_cache_close();
+    }
     lock_leave(&frame_lock);
     PostQuitMessage(0);
 }
@@ -169,6 +175,8 @@ static LRESULT CALLBACK window_procedure(HWND hwnd, UINT message, WPARAM wparam,
     case WM_TIMER:
         if (wparam == TITLE_TIMER)
             on_title_timer(hwnd);
+        else if (wparam == SAVE_TIMER)
+            tile_cache_save_start();
         return 0;
 
     // System keys go to the host like all others and no further: Alt, F10 and Alt+F4 are
@@ -260,6 +268,7 @@ bool viewer_window_open(const char *host_name)
         return false;
     viewer_window = hwnd;
     SetTimer(hwnd, TITLE_TIMER, TITLE_INTERVAL_MS, nullptr);
+    SetTimer(hwnd, SAVE_TIMER, SAVE_INTERVAL_MS, nullptr);
     return true;
 }
 

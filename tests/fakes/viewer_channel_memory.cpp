@@ -78,4 +78,11 @@ bool viewer_send_key(uint16_t virtual_key, bool press)
     return !memory_send_fails;
 }
 
+bool viewer_send_cache_advert(const uint8_t *hashes, uint32_t count)
+{
+    uint8_t header[MESSAGE_HEADER_BYTES];
+    put_header(header, MSG_CACHE_ADVERT, count * 8);
+    return viewer_send(header, sizeof header) && viewer_send(hashes, (uint64_t)count * 8);
+}
+
 } // namespace viewer

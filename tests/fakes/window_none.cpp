@@ -116,8 +116,12 @@ void viewer_window_run()
             return;
     }
     viewer_session_abort();
+    tile_cache_save_stop();
     frame_lock_for_window();
-    tile_cache_close();
+    if (tile_cache.cache_enabled) {
+        tile_cache_save();
+        tile_cache_close();
+    }
     lock_leave(&frame_lock);
 }
 

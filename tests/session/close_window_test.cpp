@@ -1,6 +1,6 @@
 // Windows only
 // Locks: ports
-// Fakes: identity_script server_log_record desktop input_record
+// Fakes: identity_script server_log_record desktop input_record cache_disk_memory
 //
 // The real viewer window on a session with the real server, closed at any moment under a
 // stream of 60 frames a second. QV_REPEAT=n does it n times as often (10 is the long form:

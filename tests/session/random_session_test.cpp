@@ -1,5 +1,5 @@
 // Fakes: stepped random_desktop identity_script input_record server_log_record window_posts
-// Fakes: console_script
+// Fakes: console_script cache_disk_memory
 // Parts: 2
 //
 // One property over everything: whatever happens, and in whatever order, the viewer shows the

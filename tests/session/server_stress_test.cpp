@@ -1,6 +1,6 @@
 // Labels: threaded
 // Locks: ports
-// Fakes: desktop input_record window_none
+// Fakes: desktop input_record window_none cache_disk_memory
 //
 // The real server, again and again: viewers that come and go in every way, stops at any
 // moment, windows that close under a running stream, a control thread that is stuck while

@@ -4,7 +4,7 @@
 // the window are scripted.
 //
 // Fakes: capture_script cursor_script input_record server_log_record window_none
-// Fakes: console_script host_switches window_list_script
+// Fakes: console_script host_switches window_list_script cache_disk_memory
 // Labels: threaded
 #include "host/control_thread.h"
 #include "host/frame_pipeline.h"

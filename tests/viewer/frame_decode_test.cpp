@@ -1,4 +1,4 @@
-// Fakes: viewer_channel_memory window_posts allocation_limit
+// Fakes: viewer_channel_memory window_posts allocation_limit cache_disk_memory
 #include "viewer/frame_decode.h"
 
 #include "tests/fakes/viewer_channel_memory.h"

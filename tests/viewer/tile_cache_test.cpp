@@ -1,4 +1,4 @@
-// Fakes: viewer_channel_memory window_posts
+// Fakes: viewer_channel_memory window_posts cache_disk_memory
 #include "viewer/tile_cache.h"
 #include "tests/test.h"
 

@@ -1,4 +1,4 @@
-// Fakes: window_none allocation_limit
+// Fakes: window_none allocation_limit cache_disk_memory
 // Labels: threaded
 //
 // Sessions with a scripted host, over real connections. The session runs on the test's
@@ -9,6 +9,7 @@
 #include "protocol/computer_name.h"
 #include "protocol/handshake.h"
 #include "protocol/messages.h"
+#include "tests/fakes/cache_disk_memory.h"
 #include "tests/fakes/window_none.h"
 #include "tests/socket_pair.h"
 #include "tests/test.h"
@@ -46,6 +47,7 @@ namespace
 {
 
 const std::string AUTH_FAILED = "authentication failed (wrong password, or host not online)";
+const std::string EMPTY_CACHE = "tile cache: 0 tiles resident from earlier sessions\n";
 constexpr net_deadline NO_DEADLINE = {};
 
 // Standard output goes to a file while this lives. The file shows what has left the
@@ -440,7 +442,7 @@ TEST_CASE("a session says whom it reached, and ends with its window")
     on_connected = nullptr;
     CHECK(o.result == 0);
     CHECK(o.error == "");
-    CHECK(o.printed == "connected to WORKSHOP (1366x768)\n");
+    CHECK(o.printed == "connected to WORKSHOP (1366x768)\n" + EMPTY_CACHE);
     CHECK(connected_name == "WORKSHOP");
     CHECK(connected_id == "123456789");
     CHECK(window_none_title() == "WORKSHOP");
@@ -460,7 +462,7 @@ TEST_CASE("a host's name of 32 characters needs no terminator")
             h.send(message(0x5A5A5A00 | MSG_SERVER_HELLO, hello_payload(1, 1, 3, name)));
     });
     CHECK(o.result == 0); // the host hung up, which closes the window
-    CHECK(o.printed == "connected to 0123456789abcdef0123456789ABCDEF (1x1)\n");
+    CHECK(o.printed == "connected to 0123456789abcdef0123456789ABCDEF (1x1)\n" + EMPTY_CACHE);
     CHECK(window_none_title() == name);
 }
 
@@ -708,7 +710,7 @@ TEST_CASE("the end of the connection closes the window, however it comes")
         session_outcome o = run_with_host(greeting(64, 64, 3, row.rest));
         CHECK(o.result == 0);
         CHECK(o.error == "");
-        CHECK(o.printed == "connected to HOST (64x64)\n");
+        CHECK(o.printed == "connected to HOST (64x64)\n" + EMPTY_CACHE);
         CHECK(window_none_close_requests() == 1);
     }
 }
@@ -865,7 +867,7 @@ TEST_CASE("a window that cannot be created ends the session in silence")
     net_close(listener);
     CHECK(gone);
     CHECK(std::string(error) == "as it was");
-    CHECK(output.text() == "connected to HOST (64x64)\n");
+    CHECK(output.text() == "connected to HOST (64x64)\n" + EMPTY_CACHE);
     check_nothing_left();
 }
 
@@ -889,8 +891,8 @@ TEST_CASE("one session follows another in the same process")
             misses = statistics.stat_misses;
         }));
         CHECK(o.result == 0);
-        CHECK(o.printed ==
-              (round == 0 ? "connected to HOST (64x64)\n" : "connected to HOST (164x164)\n"));
+        CHECK(o.printed == (round == 0 ? "connected to HOST (64x64)\n" + EMPTY_CACHE
+                                       : "connected to HOST (164x164)\n" + EMPTY_CACHE));
         bytes expected = message(MSG_CACHE_MISS, ref);
         bytes ack = message(MSG_FRAME_ACK, bytes(8));
         expected.insert(expected.end(), ack.begin(), ack.end());
@@ -900,6 +902,87 @@ TEST_CASE("one session follows another in the same process")
         // A failure in between leaves nothing behind either.
         CHECK(run_with_host([](host_end &) {}).error == AUTH_FAILED);
     }
+}
+
+TEST_CASE("a cache that was kept is told before anything else and serves the session")
+{
+    // Slots 14 and 15 are set 7: what leaves 7 when divided by 4096.
+    disk_memory_reset();
+    bytes file(134283280);
+    const uint8_t header[16] = {0x31, 0x43, 0x56, 0x51, 0, 0x20, 0, 0, 0, 0x40};
+    memcpy(&file[0], header, 16);
+    store_le64(&file[16 + 14 * 8], 4096 + 7);
+    store_le64(&file[16 + 15 * 8], 8192 + 7);
+    memset(&file[65552 + 15 * 16384], 0x77, 16384);
+    disk_memory.files[DISK_MEMORY_PATH] = file;
+
+    bytes ref(TILE_REF_BYTES);
+    put_tile_ref(ref.data(), {0, 0, 8192 + 7});
+    bytes advert, answer;
+    uint32_t hits = 0, misses = 0;
+    session_outcome o = run_with_host(greeting(64, 64, 3, [&](host_end &h) {
+        advert = h.recv(8 + 16);
+        h.send(message(MSG_TILE_REF, ref));
+        h.send(message(MSG_FRAME_END, bytes(8)));
+        answer = h.recv(16);
+        hits = statistics.stat_hits;
+        misses = statistics.stat_misses;
+    }));
+    CHECK(o.result == 0);
+    CHECK(o.printed == "connected to HOST (64x64)\n"
+                       "tile cache: 2 tiles resident from earlier sessions\n");
+    CHECK(advert == bytes{0x85, 0,    0, 0, 16, 0, 0, 0,   // two hashes
+                          7,    0x10, 0, 0, 0,  0, 0, 0,   // 4096 + 7
+                          7,    0x20, 0, 0, 0,  0, 0, 0}); // 8192 + 7
+    CHECK(answer == message(MSG_FRAME_ACK, bytes(8)));
+    CHECK(hits == 1);
+    CHECK(misses == 0);
+    CHECK(disk_memory.created == 0); // nothing new to keep
+    disk_memory_reset(true);
+}
+
+TEST_CASE("a host that grants no cache leaves its file alone")
+{
+    disk_memory_reset();
+    session_outcome o = run_with_host(greeting(64, 64, CAP_TEXT_LAYER, [](host_end &) {}));
+    CHECK(o.printed == "connected to HOST (64x64)\n");
+    CHECK(disk_memory.calls == "");
+    disk_memory_reset(true);
+}
+
+TEST_CASE("a user without a folder for it has a session without a cache")
+{
+    disk_memory_reset();
+    disk_memory.no_folder = true;
+    bool enabled = true;
+    session_outcome o = run_with_host(greeting(64, 64, 3, [&](host_end &) {
+        lock_enter(&frame_lock);
+        enabled = tile_cache.cache_enabled;
+        lock_leave(&frame_lock);
+    }));
+    CHECK(o.result == 0);
+    CHECK(o.printed == "connected to HOST (64x64)\n");
+    CHECK_FALSE(enabled);
+    disk_memory_reset(true);
+}
+
+TEST_CASE("what a session brought is in the file when its window has gone")
+{
+    disk_memory_reset();
+    bytes tile(TILE_HEAD_BYTES + TILE_BYTES, 0x5A);
+    put_tile_head(tile.data(), {0, 0, 1, 99}); // slot 198, way a of set 99
+    session_outcome o = run_with_host(greeting(64, 64, 3, [&](host_end &h) {
+        h.send(message(MSG_TILE, tile));
+        h.send(message(MSG_FRAME_END, bytes(8)));
+        h.recv(16);
+    }));
+    CHECK(o.result == 0);
+    const bytes &file = disk_memory.files[DISK_MEMORY_PATH];
+    REQUIRE(file.size() == 134283280);
+    CHECK(load_le64(&file[16 + 198 * 8]) == 99);
+    CHECK(bytes(&file[65552 + 198 * 16384], &file[65552 + 199 * 16384]) == bytes(16384, 0x5A));
+    CHECK(disk_memory.files.count(DISK_MEMORY_TEMPORARY) == 0);
+    disk_memory_reset(true);
 }
 
 TEST_CASE("aborting without a session does nothing")

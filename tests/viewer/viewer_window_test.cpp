@@ -1,10 +1,11 @@
 // Windows only
-// Fakes: viewer_channel_memory session_record
+// Fakes: viewer_channel_memory session_record cache_disk_memory
 #include "viewer/viewer_window.h"
 
 #include "protocol/messages.h"
 #include "protocol/thread.h"
 #include "protocol/win32.h"
+#include "tests/fakes/cache_disk_memory.h"
 #include "tests/fakes/session_record.h"
 #include "tests/fakes/viewer_channel_memory.h"
 #include "tests/test.h"
@@ -432,6 +433,79 @@ TEST_CASE("closing aborts the connection before it waits for the frame lock")
         CHECK_FALSE(PeekMessageA(&message, nullptr, WM_CLOSE, WM_CLOSE, PM_REMOVE));
         frame_close();
     }
+}
+
+static void store_tile(uint64_t hash)
+{
+    static uint8_t tile[TILE_BYTES];
+    memset(tile, (int)hash, sizeof tile);
+    lock_enter(&frame_lock);
+    tile_cache_insert(hash, tile, TILE_ROW_BYTES);
+    lock_leave(&frame_lock);
+}
+
+// The hash that the file has in way a of its set, 0 when there is no file.
+static uint64_t saved_hash(uint64_t hash)
+{
+    const std::vector<uint8_t> &file = disk_memory.files[DISK_MEMORY_PATH];
+    return file.empty() ? 0 : load_le64(&file[16 + hash % 4096 * 2 * 8]);
+}
+
+TEST_CASE("the cache is saved by timer 2, and when the window is destroyed")
+{
+    disk_memory_reset();
+    HWND hwnd = open_window(400, 300);
+    tile_cache_open();
+    SendMessageA(hwnd, WM_TIMER, 2, 0); // nothing to save
+    store_tile(11);
+    SendMessageA(hwnd, WM_TIMER, 1, 0); // the title's
+    Sleep(50);
+    CHECK(disk_memory.created == 0);
+    SendMessageA(hwnd, WM_TIMER, 2, 0);
+    for (int i = 0; i < 6000 && disk_memory.replaced == 0; i++)
+        Sleep(10);
+    CHECK(disk_memory.replaced == 1);
+    CHECK(saved_hash(11) == 11);
+
+    store_tile(12);
+    close_window();
+    CHECK(disk_memory.replaced == 2);
+    CHECK(saved_hash(11) == 11);
+    CHECK(saved_hash(12) == 12);
+
+    // Nothing came: not again.
+    hwnd = open_window(400, 300);
+    tile_cache_open();
+    close_window();
+    CHECK(disk_memory.replaced == 2);
+    disk_memory_reset(true);
+}
+
+TEST_CASE("a save that runs when the window is destroyed ends before the last one begins")
+{
+    disk_memory_reset();
+    HWND hwnd = open_window(400, 300);
+    tile_cache_open();
+    for (uint64_t hash = 1; hash <= 100; hash++)
+        store_tile(hash);
+    std::atomic<uint32_t> writes = 0;
+    disk_memory.hook = [&](const disk_memory_call &call) {
+        // Slow until the window is being destroyed, which aborts the connection.
+        if (std::string(call.what) == "write" && ++writes == 10)
+            while (session_aborts == 0)
+                Sleep(1);
+        return true;
+    };
+    SendMessageA(hwnd, WM_TIMER, 2, 0);
+    while (writes < 10)
+        Sleep(1);
+    store_tile(200);
+    close_window();
+    disk_memory.hook = nullptr;
+    CHECK(disk_memory.files.size() == 1);
+    CHECK(saved_hash(100) == 100);
+    CHECK(saved_hash(200) == 200);
+    disk_memory_reset(true);
 }
 
 // Stands before the window's own procedure and notes how it loses the focus.
