@@ -3,6 +3,7 @@
 
 import os
 import signal
+import struct
 import subprocess
 import time
 
@@ -117,6 +118,30 @@ class SessionTest(harness.E2ETest):
         host.wait_log("client connected: ", 3)
         self.assertTrue(any(line.endswith("caps=3 (text=1 cache=1)") for line in host.log))
         self.assertTrue(host.log_has("session stats: "))
+
+    def test_tiles_are_kept_from_one_session_to_the_next(self):
+        host, viewer = self.session()
+        self.wait_same_picture(host, viewer)
+        viewer.program.wait_line("tile cache: 0 tiles resident from earlier sessions")
+        viewer.close_window()
+        self.assertEqual(viewer.program.wait(), 0)
+        files = [file for file in viewer.machine.drive_c.glob("users/*/AppData/Local/qv/*")
+                 if file.is_file()]
+        self.assertEqual([file.name for file in files], ["tiles.bin"])
+        self.assertEqual(files[0].stat().st_size, 134283280)
+        with open(files[0], "rb") as file:
+            header = file.read(16)
+            keys = struct.unpack("<8192Q", file.read(65536))
+        self.assertEqual(header, bytes.fromhex("31435651 00200000 00400000 00000000"))
+        kept = sum(1 for key in keys if key)
+        self.assertGreater(kept, 0)
+
+        again = harness.Viewer(viewer.machine, "127.0.0.1", "-p", host.password)
+        again.wait_connected()
+        again.program.wait_line(f"tile cache: {kept} tiles resident from earlier sessions")
+        host.wait_log(f"cache: client advertised {kept} tiles (mirror now {kept})")
+        self.wait_same_picture(host, again)
+        again.wait_title(r"qv - .*  cache hits [1-9]\d*  misses 0")
 
     def test_viewer_that_vanishes_makes_room(self):
         host, viewer = self.session()
