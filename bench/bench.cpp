@@ -104,6 +104,9 @@ void bench_print(const bench_line &line)
                    bench_met(line) ? "met" : "MISSED");
     }
     printf("%s%s\n", line.note.empty() ? "" : "  ", line.note.c_str());
+    for (size_t i = 0; i < line.parts.size(); i++)
+        printf("%s%s %s%s", i == 0 ? "      " : ", ", line.parts[i].first.c_str(),
+               time_text(line.parts[i].second).c_str(), i + 1 == line.parts.size() ? "\n" : "");
     fflush(stdout);
 }
 
@@ -142,5 +145,9 @@ void bench_json(FILE *file, const bench_line &line)
             fprintf(file, ", \"target\": %g, \"met\": %s", line.target,
                     bench_met(line) ? "true" : "false");
     }
-    fprintf(file, ", \"note\": %s}", quoted(line.note).c_str());
+    fprintf(file, ", \"note\": %s, \"parts_ns\": {", quoted(line.note).c_str());
+    for (size_t i = 0; i < line.parts.size(); i++)
+        fprintf(file, "%s%s: %.6g", i == 0 ? "" : ", ", quoted(line.parts[i].first).c_str(),
+                line.parts[i].second);
+    fprintf(file, "}}");
 }

@@ -10,6 +10,7 @@
 #include <stdint.h>
 #include <stdio.h>
 #include <string>
+#include <utility>
 #include <vector>
 
 enum bench_sense {
@@ -34,6 +35,7 @@ struct bench_line {
     // Whether both sides did their work right. Asked once, after all rounds.
     std::function<bool()> right;
     std::string note;
+    std::vector<std::pair<std::string, double>> parts; // name and nanoseconds a unit
 
     // Nanoseconds a unit, one of each a round. Benchmarks that cannot be put into two
     // functions fill these themselves.
@@ -42,6 +44,7 @@ struct bench_line {
 
 struct bench_settings {
     bool quick;          // one round of each line, on small screens: does it work at all?
+    bool brief;          // fewer scenes and key presses: one of many short runs
     int32_t passes;      // over all lines, so that a line is not measured in one spell
     double pass_seconds; // for one line in one pass
 };

@@ -1,0 +1,133 @@
+// The functions that the linker puts in the way (--wrap, see CMakeLists.txt). Names are those
+// of the object files.
+#include "bench/stages.h"
+
+#include "bench/bench.h"
+#include "protocol/tile.h"
+
+#include <string.h>
+
+stage_record stages;
+road_link road_to_viewer, road_to_host;
+std::function<void()> road_refill;
+
+// What a pair of looks at the clock takes between them, measured once.
+static double clock_cost()
+{
+    static double cost = [] {
+        std::vector<double> costs;
+        for (int32_t i = 0; i < 1000; i++) {
+            int64_t start = bench_processor_time();
+            costs.push_back((double)(bench_processor_time() - start));
+        }
+        return bench_spread_of(costs).median;
+    }();
+    return cost;
+}
+
+// Adds what it lives through to a stage.
+struct stage_timer {
+    stage which;
+    double cost;
+    int64_t start;
+    explicit stage_timer(stage s) : which(s), cost(clock_cost()), start(bench_processor_time())
+    {
+    }
+    ~stage_timer()
+    {
+        stages.ns[which] += (double)(bench_processor_time() - start) - cost;
+    }
+};
+
+template <class function> static auto coarse_stage(stage which, function call)
+{
+    stage_timer timer(which);
+    return call();
+}
+
+template <class function> static auto fine_stage(stage which, function call)
+{
+    if (!stages.fine)
+        return call();
+    return coarse_stage(which, call);
+}
+
+// WRAP(result, symbol, stage, (parameters), (arguments)): times the function of that name.
+#define WRAP(result, symbol, kind, which, parameters, arguments)                               \
+    extern "C" result __real_##symbol parameters;                                              \
+    extern "C" result __wrap_##symbol parameters                                               \
+    {                                                                                          \
+        return kind(which, [&] { return __real_##symbol arguments; });                         \
+    }
+
+// host::tile_equal, tile_gather, tile_scatter, tile_xor
+WRAP(bool, _ZN4host10tile_equalEPKhS1_m, fine_stage, STAGE_COMPARE,
+     (const uint8_t *a, const uint8_t *b, uint64_t pitch), (a, b, pitch))
+WRAP(void, _ZN4host11tile_gatherEPhPKhm, fine_stage, STAGE_COPY,
+     (uint8_t * tile, const uint8_t *src, uint64_t pitch), (tile, src, pitch))
+WRAP(void, _ZN4host12tile_scatterEPhmPKh, fine_stage, STAGE_COPY,
+     (uint8_t * dst, uint64_t pitch, const uint8_t *tile), (dst, pitch, tile))
+WRAP(void, _ZN4host8tile_xorEPhPKhS2_m, fine_stage, STAGE_XOR,
+     (uint8_t * delta, const uint8_t *tile, const uint8_t *base, uint64_t pitch),
+     (delta, tile, base, pitch))
+// tile_hash, lz4_compress_block, lz4_decompress_block
+WRAP(uint64_t, _Z9tile_hashPKh, fine_stage, STAGE_HASH, (const uint8_t *tile), (tile))
+WRAP(int32_t, _Z18lz4_compress_blockPKhiPhi, fine_stage, STAGE_COMPRESS,
+     (const uint8_t *src, int32_t src_len, uint8_t *dst, int32_t dst_cap),
+     (src, src_len, dst, dst_cap))
+WRAP(int32_t, _Z20lz4_decompress_blockPKhiPhi, fine_stage, STAGE_DECOMPRESS,
+     (const uint8_t *src, int32_t src_len, uint8_t *dst, int32_t dst_cap),
+     (src, src_len, dst, dst_cap))
+// host::cache_mirror_find, cache_mirror_insert
+WRAP(bool, _ZN4host17cache_mirror_findEm, fine_stage, STAGE_LOOK_UP, (uint64_t hash), (hash))
+WRAP(void, _ZN4host19cache_mirror_insertEm, fine_stage, STAGE_LOOK_UP, (uint64_t hash), (hash))
+// viewer::tile_cache_find, tile_cache_insert
+WRAP(const uint8_t *, _ZN6viewer15tile_cache_findEm, fine_stage, STAGE_CACHE, (uint64_t hash),
+     (hash))
+WRAP(void, _ZN6viewer17tile_cache_insertEmPKhm, fine_stage, STAGE_CACHE,
+     (uint64_t hash, const uint8_t *tile, uint64_t stride), (hash, tile, stride))
+
+WRAP(void, crypto_aead_lock, coarse_stage, STAGE_SEAL,
+     (uint8_t * cipher, uint8_t mac[16], const uint8_t key[32], const uint8_t nonce[24],
+      const uint8_t *ad, size_t ad_size, const uint8_t *plain, size_t size),
+     (cipher, mac, key, nonce, ad, ad_size, plain, size))
+WRAP(int, crypto_aead_unlock, coarse_stage, STAGE_OPEN,
+     (uint8_t * plain, const uint8_t mac[16], const uint8_t key[32], const uint8_t nonce[24],
+      const uint8_t *ad, size_t ad_size, const uint8_t *cipher, size_t size),
+     (plain, mac, key, nonce, ad, ad_size, cipher, size))
+
+// ---------------------------------------------------------------------------------------
+// net_send_all, net_recv_all
+
+extern "C" bool __real__Z12net_send_allmPKhm(net_socket sock, const uint8_t *data, size_t n);
+extern "C" bool __wrap__Z12net_send_allmPKhm(net_socket sock, const uint8_t *data, size_t n)
+{
+    if (sock != ROAD_HOST_SOCKET && sock != ROAD_VIEWER_SOCKET)
+        return __real__Z12net_send_allmPKhm(sock, data, n);
+    road_link *link = sock == ROAD_HOST_SOCKET ? &road_to_viewer : &road_to_host;
+    coarse_stage(STAGE_LINK, [&] { link->bytes.insert(link->bytes.end(), data, data + n); });
+    return true;
+}
+
+extern "C" bool __real__Z12net_recv_allmPhmRK12net_deadline(net_socket sock, uint8_t *data,
+                                                            size_t n,
+                                                            const net_deadline &deadline);
+extern "C" bool __wrap__Z12net_recv_allmPhmRK12net_deadline(net_socket sock, uint8_t *data,
+                                                            size_t n,
+                                                            const net_deadline &deadline)
+{
+    if (sock != ROAD_HOST_SOCKET && sock != ROAD_VIEWER_SOCKET)
+        return __real__Z12net_recv_allmPhmRK12net_deadline(sock, data, n, deadline);
+    road_link *link = sock == ROAD_HOST_SOCKET ? &road_to_host : &road_to_viewer;
+    if (link->taken == link->bytes.size()) {
+        link->bytes.clear();
+        link->taken = 0;
+        if (sock == ROAD_VIEWER_SOCKET)
+            road_refill();
+    }
+    if (link->bytes.size() - link->taken < n)
+        return false;
+    coarse_stage(STAGE_LINK, [&] { memcpy(data, &link->bytes[link->taken], n); });
+    link->taken += n;
+    return true;
+}

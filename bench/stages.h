@@ -1,0 +1,52 @@
+// How long the stages of the road take, without a change to the road: the linker sends calls
+// between the product's files through functions here, which look at the clock.
+//
+// Also the link of the road: records to and from the two made-up sockets stay in memory. All
+// other sockets are real ones.
+#ifndef QV_BENCH_STAGES_H
+#define QV_BENCH_STAGES_H
+
+#include "protocol/net.h"
+
+#include <functional>
+#include <stdint.h>
+#include <vector>
+
+enum stage {
+    // A few calls a frame, always measured.
+    STAGE_SEAL,
+    STAGE_OPEN,
+    STAGE_LINK,
+    STAGE_CAPTURE, // by the scripted capture itself
+    // Several calls a tile, measured while stages.fine is set.
+    STAGE_COMPARE,
+    STAGE_HASH,
+    STAGE_LOOK_UP,
+    STAGE_XOR,
+    STAGE_COMPRESS,
+    STAGE_COPY,
+    STAGE_DECOMPRESS,
+    STAGE_CACHE,
+    STAGES
+};
+
+struct stage_record {
+    bool fine;
+    double ns[STAGES]; // processor time since they were last zeroed; one thread at a time
+};
+extern stage_record stages;
+
+constexpr net_socket ROAD_HOST_SOCKET = 0x70000001;
+constexpr net_socket ROAD_VIEWER_SOCKET = 0x70000002;
+
+struct road_link {
+    std::vector<uint8_t> bytes;
+    size_t taken;
+};
+extern road_link road_to_viewer, road_to_host;
+
+// Called when the viewer wants a byte and there is none; when it brings none either, the
+// viewer's connection has ended.
+extern std::function<void()> road_refill;
+
+#endif
