@@ -13,7 +13,7 @@
 //   WM_APP + 2  looks WPARAM times, 2 ms apart, which programs the console has
 //   WM_APP + 3  changes the row WPARAM
 // What the second and third found is a line of the log file each:
-//   keys N
+//   keys N seen M       M by this program itself, which is one of the console's
 //   alone N others M
 
 #include "protocol/win32.h"
@@ -116,8 +116,11 @@ void paint(HWND window)
     EndPaint(window, &ps);
 }
 
+volatile LONG keys_seen;
+
 BOOL WINAPI ignore_keys(DWORD)
 {
+    InterlockedIncrement(&keys_seen);
     return TRUE;
 }
 
@@ -129,7 +132,7 @@ DWORD WINAPI press_keys(void *times)
         GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, 0);
         Sleep((DWORD)(i % 3));
     }
-    fprintf(log_file, "keys %u\n", (unsigned)(uintptr_t)times);
+    fprintf(log_file, "keys %u seen %ld\n", (unsigned)(uintptr_t)times, keys_seen);
     return 0;
 }
 
