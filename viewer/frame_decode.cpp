@@ -26,6 +26,7 @@
 #include "host/lz4_block.h"
 #include "protocol/clock.h"
 #include "viewer/tile_cache.h"
+#include "viewer/tile_place.h"
 #include "viewer/viewer_channel.h"
 #include "viewer/viewer_window.h"
 
@@ -172,28 +173,6 @@ static void dirty_tile(uint16_t tile_x, uint16_t tile_y) REQUIRES(frame_lock)
     dirty_union(x, y, (int64_t)x + TILE_SIZE, (int64_t)y + TILE_SIZE);
 }
 
-// Copies a contiguous tile into the picture.
-static void place_tile(uint8_t *at, uint64_t stride, const uint8_t *tile)
-{
-    for (int32_t row = 0; row < TILE_SIZE; row++)
-        memcpy(at + row * stride, tile + row * TILE_ROW_BYTES, TILE_ROW_BYTES);
-}
-
-// A loop of fixed length over memory that cannot overlap: the compiler turns it into vector
-// operations.
-static void xor_row(uint8_t *__restrict at, const uint8_t *__restrict difference)
-{
-    for (int32_t i = 0; i < TILE_ROW_BYTES; i++)
-        at[i] ^= difference[i];
-}
-
-// XORs a contiguous tile into the picture.
-static void xor_tile(uint8_t *at, uint64_t stride, const uint8_t *difference)
-{
-    for (int32_t row = 0; row < TILE_SIZE; row++)
-        xor_row(at + row * stride, difference + row * TILE_ROW_BYTES);
-}
-
 // The decoder takes 31-bit sizes. A longer block cannot hold what it should: it is
 // malformed.
 static int32_t decompress(const uint8_t *block, uint32_t length, uint8_t *dest,
@@ -248,11 +227,11 @@ static void apply_tile(const uint8_t *payload, uint32_t length) REQUIRES(frame_l
     if (head.raw) {
         if (data_length < TILE_BYTES)
             return;
-        place_tile(at, row_bytes(), data);
+        tile_place(at, row_bytes(), data);
     } else {
         if (decompress(data, data_length, tile_scratch, TILE_BYTES) != TILE_BYTES)
             return;
-        xor_tile(at, row_bytes(), tile_scratch);
+        tile_xor_into(at, row_bytes(), tile_scratch);
     }
     tile_cache_insert(head.hash, at, row_bytes());
     dirty_tile(head.tile_x, head.tile_y);
@@ -273,7 +252,7 @@ static void apply_tile_ref(const uint8_t *payload, uint32_t length) REQUIRES(fra
         return;
     }
     uint8_t *at = pixel_at(ref.tile_x * TILE_SIZE, ref.tile_y * TILE_SIZE);
-    place_tile(at, row_bytes(), tile);
+    tile_place(at, row_bytes(), tile);
     statistics.stat_hits.fetch_add(1, std::memory_order_relaxed);
     dirty_tile(ref.tile_x, ref.tile_y);
 }
