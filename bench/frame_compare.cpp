@@ -7,7 +7,7 @@
 #include "host/tile_ops.h"
 #include "protocol/tile.h"
 
-#if __has_include("viewer/tile_place.h")
+#if __has_include("viewer/tile_place.h") // older trees have it in frame_decode.cpp
 #include "viewer/tile_place.h"
 #define HAS_TILE_PLACE
 #endif

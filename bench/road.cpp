@@ -220,9 +220,13 @@ static void host_step(play *p)
 {
     double then[STAGES];
     memcpy(then, stages.ns, sizeof then);
+    uint64_t allocations = stage_allocations;
     int64_t start = bench_processor_time();
     p->right = host::frame_pipeline_step(p->session) && p->right;
     p->times.host += (double)(bench_processor_time() - start) - aside(then);
+    // A still picture allocates nothing, and sends nothing.
+    if (p->frame > 0 && strcmp(p->now->name, "idle") == 0)
+        p->right = p->right && stage_allocations == allocations && road_to_viewer.bytes.empty();
     p->times.bytes += (double)road_to_viewer.bytes.size();
 }
 

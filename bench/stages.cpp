@@ -8,6 +8,7 @@
 #include <string.h>
 
 stage_record stages;
+std::atomic<uint64_t> stage_allocations;
 road_link road_to_viewer, road_to_host;
 std::function<void()> road_refill;
 
@@ -95,6 +96,28 @@ WRAP(int, crypto_aead_unlock, coarse_stage, STAGE_OPEN,
      (uint8_t * plain, const uint8_t mac[16], const uint8_t key[32], const uint8_t nonce[24],
       const uint8_t *ad, size_t ad_size, const uint8_t *cipher, size_t size),
      (plain, mac, key, nonce, ad, ad_size, cipher, size))
+
+// ---------------------------------------------------------------------------------------
+// malloc, calloc, realloc
+
+extern "C" void *__real_malloc(size_t size);
+extern "C" void *__real_calloc(size_t count, size_t size);
+extern "C" void *__real_realloc(void *memory, size_t size);
+extern "C" void *__wrap_malloc(size_t size)
+{
+    stage_allocations++;
+    return __real_malloc(size);
+}
+extern "C" void *__wrap_calloc(size_t count, size_t size)
+{
+    stage_allocations++;
+    return __real_calloc(count, size);
+}
+extern "C" void *__wrap_realloc(void *memory, size_t size)
+{
+    stage_allocations++;
+    return __real_realloc(memory, size);
+}
 
 // ---------------------------------------------------------------------------------------
 // net_send_all, net_recv_all

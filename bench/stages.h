@@ -8,6 +8,7 @@
 
 #include "protocol/net.h"
 
+#include <atomic>
 #include <functional>
 #include <stdint.h>
 #include <vector>
@@ -35,6 +36,9 @@ struct stage_record {
     double ns[STAGES]; // processor time since they were last zeroed; one thread at a time
 };
 extern stage_record stages;
+
+// Calls of malloc, calloc and realloc by the product and the bench so far.
+extern std::atomic<uint64_t> stage_allocations;
 
 constexpr net_socket ROAD_HOST_SOCKET = 0x70000001;
 constexpr net_socket ROAD_VIEWER_SOCKET = 0x70000002;
