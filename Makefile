@@ -45,5 +45,5 @@ bench: setup
 	@tools/bench $(if $(BASE),--base $(BASE))
 
 demo: windows
-	cmake --build --preset mingw-release --parallel 2 --target probe_tool
+	cmake --build --preset mingw-release --parallel 2 --target probe_tool console_double
 	@tools/demo
