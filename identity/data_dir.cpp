@@ -33,3 +33,10 @@ void data_dir_host_path(char path[DATA_FILE_SIZE])
     data_dir_make(directory);
     snprintf(path, DATA_FILE_SIZE, "%s\\host.txt", directory);
 }
+
+void data_dir_relay_path(char path[DATA_FILE_SIZE])
+{
+    char directory[DATA_DIR_SIZE];
+    data_dir_make(directory);
+    snprintf(path, DATA_FILE_SIZE, "%s\\relay.txt", directory);
+}

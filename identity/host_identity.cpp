@@ -16,6 +16,7 @@
 
 #include "identity/data_dir.h"
 #include "identity/host_files.h"
+#include "identity/relay_host.h"
 #include "identity/server_log.h"
 #include "protocol/bytes.h"
 #include "protocol/clock.h"
@@ -53,7 +54,6 @@ static published_text peer_name = {{""}, {}, {}};
 static char id[ID_SIZE];
 static char computer_name[NAME_BYTES + 1];
 static char host_room[ROOM_SIZE] = "qv-demo";
-static const char relay_host[128] = QV_RELAY_HOST;
 static int32_t host_relay_mode;
 static int32_t host_text_layer_enabled = 1;
 static int32_t host_window_list_enabled = 1;
@@ -80,6 +80,7 @@ void host_identity_init(int32_t relay_mode)
     password_user_set = 0;
 
     computer_name_get(computer_name);
+    relay_host_load();
     host_load_or_create_id();
     if (host_relay_mode != 0)
         copy_text(host_room, ROOM_MAX + 1, id);
@@ -177,8 +178,8 @@ void host_write_info()
         FILE *file = open_private_file(path);
         if (file == nullptr)
             return;
-        fprintf(file, "id=%s\npassword=%s\nrelay=%s:%d\nname=%s\n", id, published, relay_host,
-                RELAY_PORT, computer_name);
+        fprintf(file, "id=%s\npassword=%s\nrelay=%s:%d\nname=%s\n", id, published,
+                relay_host_get(), RELAY_PORT, computer_name);
         fclose(file);
     } while (published != password.current.load());
 }
@@ -215,7 +216,7 @@ const char *host_get_room()
 
 const char *host_get_relay()
 {
-    return relay_host;
+    return relay_host_get();
 }
 
 int32_t host_get_relay_mode()

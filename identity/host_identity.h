@@ -25,9 +25,9 @@ enum host_state_value : int32_t {
     HOST_SERVING = 2, // a viewer is connected
 };
 
-// Sets up the identity: name, ID, room, a fresh password. Called once, before any other
-// thread uses the identity. relay_mode 1: the host serves through the relay with its ID as
-// room; 0: it listens itself.
+// Sets up the identity: name, ID, room, relay (relay_host.h), a fresh password. Called once,
+// before any other thread uses the identity. relay_mode 1: the host serves through the relay
+// with its ID as room; 0: it listens itself.
 void host_identity_init(int32_t relay_mode);
 
 // Reads id.txt or makes a new nine-digit ID and writes it there.

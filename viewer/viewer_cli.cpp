@@ -1,6 +1,7 @@
 // The command-line viewer: what qv_client does, apart from being a program.
 #include "viewer/viewer_cli.h"
 
+#include "identity/relay_host.h"
 #include "protocol/bytes.h"
 #include "protocol/net.h"
 #include "protocol/relay_hello.h"
@@ -56,7 +57,7 @@ void viewer_parse_arguments(int argc, char **argv, viewer_arguments *arguments)
     arguments->port = arguments->default_port;
     if (arguments->via_relay) {
         // A port of its own means nothing here: the relay's stands behind its ':'.
-        split_relay_address(host ? host : QV_RELAY_HOST, arguments);
+        split_relay_address(host ? host : relay_host_get(), arguments);
         return;
     }
     arguments->host = host;
@@ -66,13 +67,14 @@ void viewer_parse_arguments(int argc, char **argv, viewer_arguments *arguments)
 
 int viewer_cli_main(int argc, char **argv)
 {
+    relay_host_load();
     viewer_arguments arguments;
     viewer_parse_arguments(argc, argv, &arguments);
     if (arguments.usage) {
         printf("usage: qv_client <host> [port] -p <password>          direct\n"
                "       qv_client -r <ID> [relayhost[:port]] -p <password>   via relay "
                "(default %s:%d)\n",
-               QV_RELAY_HOST, RELAY_PORT);
+               relay_host_get(), RELAY_PORT);
         fflush(stdout); // at once, also through a pipe
         return 1;
     }

@@ -21,7 +21,8 @@ struct viewer_arguments {
     char default_port[12];   // where no port was given
 };
 
-// Parses a command line; argv[0] is the program. Pure.
+// Parses a command line; argv[0] is the program. Pure, but for the default relay
+// (identity/relay_host.h).
 void viewer_parse_arguments(int argc, char **argv, viewer_arguments *arguments);
 
 // Parses, prints the usage or runs a session. Returns the program's exit status.

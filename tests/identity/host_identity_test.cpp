@@ -538,3 +538,19 @@ TEST_CASE("no way out of a rotation leaves the new password on the stack")
 }
 
 #endif
+
+// Last in the file: the relay stays what the file said until the process ends.
+TEST_CASE("an administrator's relay.txt is the host's relay, also in host.txt")
+{
+    fixture f;
+    f.write("relay.txt", "relay.example.com\r\n");
+    CHECK(std::string(host_get_relay()) == QV_RELAY_HOST);
+    host_identity_init(1);
+    CHECK(std::string(host_get_relay()) == "relay.example.com");
+    CHECK(f.read("host.txt").find(NL + "relay=relay.example.com:7000" + NL) !=
+          std::string::npos);
+    f.write("relay.txt", "another");
+    host_write_info(); // read once, at the start
+    CHECK(f.read("host.txt").find(NL + "relay=relay.example.com:7000" + NL) !=
+          std::string::npos);
+}

@@ -2,6 +2,7 @@
 #include "viewer/viewer_cli.h"
 
 #include "tests/fakes/session_record.h"
+#include "tests/identity/temp_data_dir.h"
 #include "tests/test.h"
 
 #include <string.h>
@@ -15,9 +16,12 @@ using namespace viewer;
 
 constexpr int ARGUMENTS_MAX = 10;
 
-// Runs qv_client with these arguments.
-static int run(int count, const char *const *arguments)
+// Runs qv_client with these arguments, on a machine with this relay.txt or none.
+static int run(int count, const char *const *arguments, const char *relay_file = nullptr)
 {
+    temp_data_dir temp;
+    if (relay_file)
+        temp.write("relay.txt", relay_file);
     char program[] = "qv_client";
     char copies[ARGUMENTS_MAX][300];
     char *argv[ARGUMENTS_MAX + 2] = {program};
@@ -126,14 +130,15 @@ TEST_CASE("the session's result is the exit status")
 
 // Runs qv_client with standard output going to a file and reads what is there when it
 // returns: only what was flushed. Line ends as the program wrote them.
-static int run_captured(int count, const char *const *arguments, char *text, size_t size)
+static int run_captured(int count, const char *const *arguments, char *text, size_t size,
+                        const char *relay_file = nullptr)
 {
     FILE *file = tmpfile();
     REQUIRE(file);
     fflush(stdout);
     int kept = dup(fileno(stdout));
     dup2(fileno(file), fileno(stdout));
-    int result = run(count, arguments);
+    int result = run(count, arguments, relay_file);
     dup2(kept, fileno(stdout));
     close(kept);
     rewind(file);
@@ -173,4 +178,23 @@ TEST_CASE("a command line without even a program's name prints the usage")
     viewer_arguments arguments;
     viewer_parse_arguments(0, argv, &arguments);
     CHECK(arguments.usage);
+}
+
+// Last in the file: the relay stays what the file said until the process ends.
+TEST_CASE("an administrator's relay.txt replaces the default relay and nothing else")
+{
+    const char *given[] = {"-r", "1", "other:7100"};
+    session_recorded = {};
+    CHECK(run(3, given, "relay.example.com\r\n") == 0);
+    CHECK(strcmp(session_recorded.host, "other") == 0);
+    CHECK(strcmp(session_recorded.port, "7100") == 0);
+
+    const char *not_given[] = {"-r", "1"};
+    CHECK(run(2, not_given, "relay.example.com\r\n") == 0);
+    CHECK(strcmp(session_recorded.host, "relay.example.com") == 0);
+    CHECK(strcmp(session_recorded.port, "7000") == 0);
+
+    char text[1024];
+    CHECK(run_captured(0, nullptr, text, sizeof text, "192.0.2.7") == 1);
+    CHECK(strstr(text, "   via relay (default 192.0.2.7:7000)\n") != nullptr);
 }
