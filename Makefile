@@ -2,7 +2,8 @@
 
 .PHONY: help setup windows relay test fuzz soak mutate bench demo
 help:
-	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up)"
+	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up;"
+	@echo "               RELAY=1: through a relay)"
 	@echo "make windows   build/windows/qv_client.exe and build/windows/qv_host.exe"
 	@echo "make relay     build/relay/qv_relay, where hosts and viewers meet (docs/relay.md)"
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
@@ -44,6 +45,6 @@ mutate: setup
 bench: setup
 	@tools/bench $(if $(BASE),--base $(BASE))
 
-demo: windows
+demo: windows $(if $(RELAY),relay)
 	cmake --build --preset mingw-release --parallel 2 --target probe_tool console_double
 	@tools/demo

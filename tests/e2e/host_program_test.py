@@ -95,7 +95,7 @@ class HostProgramTest(harness.E2ETest):
     def test_relay_mode_waits_in_the_room_of_its_id(self):
         if not harness.relay_name_resolves():
             self.skipTest("the relay's name leads here only inside a network namespace")
-        with relay.TestRelay() as running:
+        with relay.test_relay() as running:
             host = self.host("-r")
             self.assertIn(f"server up via relay qv-relay:7000 room '{host.info['id']}', dxgi=0",
                           host.log)

@@ -1,9 +1,9 @@
 #!/usr/bin/python3
-"""A small relay for tests: pairs a waiting host with the viewer that asks for its room.
+"""A relay for tests: the relay program when it is built, else a small one of our own.
 
     relay.py [PORT]         serves on 127.0.0.1 until it is stopped
 
-In a test:  with relay.TestRelay() as running: ...
+In a test:  with relay.test_relay() as running: ...
 
 Each side first sends a hello of 56 bytes:
 
@@ -21,9 +21,17 @@ stays empty is sent away after some seconds.
 
 import asyncio
 import collections
+import os
+import pathlib
+import re
 import sys
 import threading
 
+ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
+sys.path.insert(0, str(ROOT / "tests/relay"))
+import relay_program  # noqa: E402
+
+PROGRAM = ROOT / "build/relay/qv_relay"  # make relay
 PORT = 7000
 HELLO_SIZE = 56
 CHUNK = 65536
@@ -117,6 +125,42 @@ class Relay:
                 data = await reader.read(CHUNK)
         except ConnectionError:
             pass
+
+
+class ProgramRelay(relay_program.Relay):
+    """The relay program, seen by its log."""
+
+    rejected = 0  # or the end of the with block complains
+
+    def __init__(self, port=PORT, patience=3.0):
+        super().__init__("--viewer-wait-seconds", str(patience), "--drain-seconds", "0",
+                         port=port, program=PROGRAM)
+
+    @property
+    def hellos(self):
+        found = (re.search(r"(host|viewer) \d+ of \S+: room '(.*)', name '(.*)'", line)
+                 for line in list(self.lines))
+        return [Hello(b"QVRL", 2, match[1][0].upper(), match[2], match[3])
+                for match in found if match]
+
+    def is_waiting(self, room):
+        """Whether nothing has been heard of the room's last host since it came."""
+        last, waiting = None, False
+        for line in list(self.lines):
+            if last and re.search(rf"\b{last}\b", line):
+                waiting = False
+            if match := re.search(rf"(host \d+) of \S+: room '{re.escape(room)}', name", line):
+                last, waiting = match[1], True
+        return waiting
+
+    def __exit__(self, kind, *rest):
+        super().__exit__(kind, *rest)
+        assert kind or not self.find_log("the hello is none")
+
+
+def test_relay(**options):
+    """A relay for a with block. The programs meet at the real one wherever that is built."""
+    return ProgramRelay(**options) if os.access(PROGRAM, os.X_OK) else TestRelay(**options)
 
 
 class TestRelay(Relay):

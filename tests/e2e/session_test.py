@@ -193,7 +193,7 @@ class RelayTest(harness.E2ETest):
         return harness.Viewer(machine, "-r", host_id, *relay_address, "-p", password)
 
     def test_session_through_the_relay(self):
-        with relay.TestRelay() as running:
+        with relay.test_relay() as running:
             host = harness.Host(self.machine("host"), "-r")
             room = host.info["id"]
             self.assertIn(f"server up via relay qv-relay:7000 room '{room}', dxgi=0",
@@ -221,7 +221,7 @@ class RelayTest(harness.E2ETest):
             self.assertEqual(running.rejected, 0)
 
     def test_wrong_password_and_wrong_room(self):
-        with relay.TestRelay(patience=1.0) as running:
+        with relay.test_relay(patience=1.0) as running:
             host = harness.Host(self.machine("host"), "-r")
             room = host.info["id"]
             harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
@@ -238,12 +238,12 @@ class RelayTest(harness.E2ETest):
         host.wait_log("relay: connect qv-relay:7000 failed (10061)", count=2)
         self.assertEqual(self.join(self.machine("viewer", 1920, 1080), host.info["id"],
                                    host.password).program.wait(), 1)
-        with relay.TestRelay() as running:
+        with relay.test_relay() as running:
             harness.wait_for("the host at the relay",
                              lambda: running.is_waiting(host.info["id"]))
 
     def test_a_relay_that_goes_ends_the_session(self):
-        with relay.TestRelay() as running:
+        with relay.test_relay() as running:
             host = harness.Host(self.machine("host"), "-r")
             room = host.info["id"]
             harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
@@ -252,6 +252,38 @@ class RelayTest(harness.E2ETest):
         self.assertEqual(viewer.program.wait(), 0)
         host.wait_log("client disconnected")
         host.wait_log("relay: connect qv-relay:7000 failed")
+
+    def test_an_administrators_relay_is_used_by_both_sides(self):
+        with relay.test_relay() as running:
+            machines = [self.machine("host"), self.machine("viewer", 1920, 1080)]
+            for machine in machines:
+                machine.data_dir.mkdir(parents=True, exist_ok=True)
+                (machine.data_dir / "relay.txt").write_bytes(b" 127.0.0.1\r\n")
+            host = harness.Host(machines[0], "-r")
+            room = host.info["id"]
+            self.assertEqual(host.info["relay"], "127.0.0.1:7000")
+            self.assertIn(f"server up via relay 127.0.0.1:7000 room '{room}', dxgi=0", host.log)
+            harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
+            viewer = self.join(machines[1], room, host.password)
+            viewer.wait_connected()
+            self.assertEqual(viewer.program.lines[0],
+                             f"via relay 127.0.0.1:7000, ID {room}, waiting for host...")
+
+    def test_a_relay_that_comes_again_is_found_again(self):
+        host = None
+        for _ in range(2):
+            with relay.test_relay() as running:
+                host = host or harness.Host(self.machine("host"), "-r")
+                room = host.info["id"]
+                harness.wait_for("the host at the relay", lambda: running.is_waiting(room))
+            host.wait_log("relay: connect qv-relay:7000 failed")
+        with relay.test_relay(patience=30) as running:
+            machine = self.machine("viewer", 1920, 1080)
+            early = self.join(machine, room, host.password)  # perhaps before the host
+            early.wait_connected()
+            early.close_window()
+            self.assertEqual(early.program.wait(), 0)
+            harness.wait_for("the host's return", lambda: running.is_waiting(room))
 
 
 if __name__ == "__main__":

@@ -78,8 +78,8 @@ def is_silent(connection):
 
 
 class Relay:
-    def __init__(self, *options, listen=True, metrics=True, port=0):
-        self.command = [PROGRAM, *options]
+    def __init__(self, *options, listen=True, metrics=True, port=0, program=PROGRAM):
+        self.command = [program, *options]
         if listen:
             self.command += ["--listen", f"127.0.0.1:{port}"]
         if metrics is True:
