@@ -769,6 +769,22 @@ TEST_CASE("a record that runs past the block is still copied, the next is not")
     head.row_count = 2;
     apply(MSG_TEXT_LAYER, text_message(head, literal_block(both)));
     CHECK(text_shown() == "../.."); // row 0 was written, then blanked by the zeros
+
+    // Bytes 8 to 15 of the scratch go on holding row 0 as "aa". A record of row 1 that ends
+    // early takes its second cell from the block before, and "aa" is not looked at again.
+    opened_frame fourth(640, 480);
+    bytes two = row_record(1, "yz", 7);
+    append(two, row_record(0, "aa", 7));
+    head = {0, 0, 30, 10, 2, 2, 2, (int32_t)two.size()};
+    apply(MSG_TEXT_LAYER, text_message(head, literal_block(two)));
+    REQUIRE(text_shown() == "aa/yz");
+    bytes one = row_record(0, "cc", 7);
+    head = {0, 0, 30, 10, 2, 2, 1, (int32_t)one.size()};
+    apply(MSG_TEXT_LAYER, text_message(head, literal_block(one)));
+    REQUIRE(text_shown() == "cc/yz");
+    head = {0, 0, 30, 10, 2, 2, 9, (int32_t)rows.size()};
+    apply(MSG_TEXT_LAYER, text_message(head, literal_block(rows)));
+    CHECK(text_shown() == "cc/bc");
 }
 
 TEST_CASE("the longest record fits behind the longest block")
@@ -965,6 +981,20 @@ TEST_CASE("the end of the stream ends the thread, wherever it comes")
         // A message counts when its last byte is there.
         CHECK(memory_sent.size() == (n >= 16) + (n >= whole.size()));
     }
+}
+
+TEST_CASE("each payload has its room where each is longer than the one before")
+{
+    opened_frame f(64, 64);
+    // The buffer begins with 4096 bytes and grows by 4096 more than is needed, so each of
+    // these is the shortest for which it has to grow again.
+    for (size_t length = 4097; length < 50000; length += 4097)
+        incoming(0x55, bytes(length, (uint8_t)(length / 4097)));
+    incoming(MSG_FRAME_END, {});
+    viewer_recv_thread(nullptr);
+    REQUIRE(memory_sent.size() == 1);
+    CHECK(memory_sent[0] == // 12 * 4097 is the longest below 50000
+          bytes{0x81, 0, 0, 0, 8, 0, 0, 0, 12, 12, 12, 12, 12, 12, 12, 12});
 }
 
 TEST_CASE("a payload that has no room here ends the connection")
