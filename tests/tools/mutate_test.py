@@ -118,6 +118,9 @@ class ReadingTest(unittest.TestCase):
         shift = "a.cpp:1:2: runtime error: shift exponent 64 is too large\n"
         self.assertEqual(self.failure(ended + shift),
                          ("two holds", "runtime error: shift exponent 64 is too large"))
+        offset = "a.cpp:1:2: runtime error: addition of offset to 0x62d00000ac00 overflowed\n"
+        self.assertEqual(self.failure(ended + offset),
+                         ("two holds", "runtime error: addition of offset to 0x... overflowed"))
 
     def test_what_ends_without_a_word_is_told_too(self):
         self.assertEqual(self.failure("TEST CASE:  two holds\n0.1 s: two holds\n"),
@@ -140,6 +143,22 @@ class ReadingTest(unittest.TestCase):
         self.assertEqual(judge(mutation(tests=both, form="raw"), [], ""), "SURVIVED")
         self.assertEqual(judge(mutation(equivalent="so"), [], ""), "equivalent")
         self.assertEqual(judge(mutation(equivalent="so"), ["a_test: x"], ""), "NOT EQUIVALENT")
+
+    def test_the_session_that_breaks_is_named_and_how_many_are_played_is_passed_on(self):
+        # Stands for a program of random sessions, of which the 610th breaks.
+        program = ("#!/bin/sh\n[ $4 ] && exit\n[ ${QV_SEEDS:-2000} -lt 610 ] && exit\n"
+                   "echo QV_SEED=610: does not hold at step 7: x\nexit 1\n")
+        with tempfile.TemporaryDirectory() as root:
+            for name, text in {"build/linux-asan/tests/r_test": program,
+                               "tests/session/r_test.cpp": ""}.items():
+                path = pathlib.Path(root, name)
+                path.parent.mkdir(parents=True)
+                path.write_text(text)
+                path.chmod(0o755)
+            for sessions, expected in ("", "610"), ("100", ""), ("2000", "610"):
+                failure, _, seed = self.tool.run_test(pathlib.Path(root), "random", "r_test", 60,
+                                                      sessions)
+                self.assertEqual((failure is not None, seed), (expected != "", expected))
 
 
 unittest.main()
