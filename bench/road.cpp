@@ -389,8 +389,10 @@ static bool play_scene(const scene &now, std::vector<frame_times> *account)
     capture_script_step = [&] { return take_picture(&p); };
     road_refill = [&] { refill(&p); };
 
+    stages.on = true;
     play_frame_begins(&p);
     viewer::viewer_recv_thread(nullptr);
+    stages.on = false;
 
     bool right = p.right && p.frame == now.frames;
     capture_script_step = nullptr;

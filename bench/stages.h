@@ -14,12 +14,12 @@
 #include <vector>
 
 enum stage {
-    // A few calls a frame, always measured.
+    // A few calls a frame, measured while stages.on is set.
     STAGE_SEAL,
     STAGE_OPEN,
     STAGE_LINK,
     STAGE_CAPTURE, // by the scripted capture itself
-    // Several calls a tile, measured while stages.fine is set.
+    // Several calls a tile, measured while stages.fine is set as well.
     STAGE_COMPARE,
     STAGE_HASH,
     STAGE_LOOK_UP,
@@ -32,7 +32,8 @@ enum stage {
 };
 
 struct stage_record {
-    bool fine;
+    bool on;           // the road is played, in one thread; otherwise nothing is measured
+    bool fine;         // the second kind as well
     double ns[STAGES]; // processor time since they were last zeroed; one thread at a time
 };
 extern stage_record stages;
