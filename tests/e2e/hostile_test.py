@@ -81,6 +81,9 @@ class WineViewer(viewer_attacks.ViewerTarget):
         self.machine = machine
 
     def start(self, port):
+        # Attacks take hashes for unknown that others have given tiles.
+        for kept in self.machine.prefix.rglob("tiles.bin"):
+            kept.unlink()
         return WineSession(self.machine, port)
 
 
