@@ -77,7 +77,7 @@ static struct {
 
 bool handshake_as_host(secure_channel *channel, net_socket sock,
                        void (*read_password)(char password[PASSWORD_MAX + 1]),
-                       const net_deadline &deadline)
+                       const net_deadline &deadline, uint32_t *)
 {
     char password[PASSWORD_MAX + 1];
     read_password(password);

@@ -190,6 +190,11 @@ void control_message(host_session *session, uint8_t type, const uint8_t *payload
     default:
         break;
     }
+
+    // A viewer advertises before it says anything else, and only a full message has another
+    // one after it.
+    if (type != MSG_CACHE_ADVERT || length != CACHE_ADVERT_MAX_HASHES * 8)
+        session->advert_over.store(1);
 }
 
 void control_thread(void *argument)

@@ -93,4 +93,11 @@ pacing_decision pacing_step(uint32_t frame_seq, uint32_t acked_seq, int32_t ema_
     return inflight >= (uint32_t)inflight_cap(ema_rtt16) ? PACE_WAIT : PACE_SEND;
 }
 
+uint32_t advert_wait(uint32_t round_trip_ms, uint32_t other_round_trip_ms)
+{
+    uint32_t trip = round_trip_ms < other_round_trip_ms ? round_trip_ms : other_round_trip_ms;
+    constexpr uint32_t LONGEST_TRIP = ADVERT_WAIT_MAX_MS - ADVERT_SLACK_MS;
+    return (trip < LONGEST_TRIP ? trip : LONGEST_TRIP) + ADVERT_SLACK_MS;
+}
+
 } // namespace host

@@ -13,6 +13,8 @@ constexpr int32_t TILE_BUDGET_MIN = 8;
 constexpr int32_t TILE_BUDGET_MAX = 4096;
 constexpr int32_t RTT_FLOOR_START = 100000;
 constexpr uint32_t STALL_MS = 250; // longest wait for an acknowledgement
+constexpr uint32_t ADVERT_WAIT_MAX_MS = 1000;
+constexpr uint32_t ADVERT_SLACK_MS = 100; // for the viewer to read its file's keys
 
 struct latency_estimator {
     int32_t ema_rtt16;   // smoothed round trip in sixteenths of a millisecond; 0 = no sample
@@ -45,6 +47,10 @@ enum pacing_decision {
 // full one.
 pacing_decision pacing_step(uint32_t frame_seq, uint32_t acked_seq, int32_t ema_rtt16,
                             uint32_t now_ms, uint32_t last_iteration_tick);
+
+// How long the first frame of a session may wait for the viewer's advertisement, by the two
+// round trips that the handshake made: long enough for it to arrive, and never long.
+uint32_t advert_wait(uint32_t round_trip_ms, uint32_t other_round_trip_ms);
 
 } // namespace host
 

@@ -2,6 +2,7 @@
 // another frame sends what changed, as one record.
 //
 //   capture_step()      frame_buffer is the newest picture, dirty_map says where to look
+//   awaits_advert()     at a session's start: until the viewer told which tiles it has
 //   pacing_step()       too many frames unacknowledged: the iteration ends, all of it waits
 //   -- host_lock ----
 //   apply_moves()       both pictures, prev_frame and the viewer's, take the screen's moves
@@ -49,6 +50,7 @@ uint16_t peer_caps;
 // Host server thread only.
 static struct {
     uint32_t last_iteration_tick; // end of the last full iteration
+    bool awaits_advert;           // nothing was walked yet, and the viewer keeps a cache
     int32_t walk_tx, walk_ty;     // tile of the hello's grid at which the next walk begins
     uint64_t tiles_sent_total;    // of this session, references included
     uint64_t cache_refs_total;
@@ -340,9 +342,22 @@ static bool end_frame()
     return true;
 }
 
+// Whether the session's first walk is still to wait for the viewer to tell which tiles it has
+// from earlier sessions. A whole screen that went out before would be sent for nothing.
+static bool awaits_advert(const host_session *session)
+{
+    if (pipeline.awaits_advert &&
+        (session->advert_over.load() != 0 ||
+         clock_ms() - session->hello_sent_ms >= session->advert_wait_ms))
+        pipeline.awaits_advert = false;
+    return pipeline.awaits_advert;
+}
+
 bool frame_pipeline_step(host_session *session)
 {
     if (capture_step() == CAPTURE_RESTARTED)
+        return true;
+    if (awaits_advert(session))
         return true;
 
     switch (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, clock_ms(),
@@ -395,6 +410,7 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.walk_ty = 0;
     pipeline.tiles_sent_total = 0;
     pipeline.cache_refs_total = 0;
+    pipeline.awaits_advert = (caps & CAP_TILE_CACHE) != 0;
     out_reset();
     text_layer_reset();
     window_list_reset();

@@ -14,6 +14,7 @@
 #include "host/host_server.h"
 #include "host/capture.h"
 #include "host/control_thread.h"
+#include "host/flow_control.h"
 #include "host/frame_pipeline.h"
 #include "host/host_channel.h"
 #include "host/host_lock.h"
@@ -137,7 +138,8 @@ static void announce_no_viewer()
 }
 
 // Serves one viewer from its hello to the end of the session, and closes the socket.
-static void run_session(net_socket sock, const client_hello &hello)
+// advert_wait_ms: how long its first frame may wait for the advertisement.
+static void run_session(net_socket sock, const client_hello &hello, uint32_t advert_wait_ms)
 {
     announce_viewer(hello);
     net_set_send_buffer(sock, SEND_BUFFER_BYTES);
@@ -148,6 +150,7 @@ static void run_session(net_socket sock, const client_hello &hello)
     if (capture_is_duplication() || screen.screen_width.load() == 0)
         (void)capture_step();
     send_server_hello();
+    uint32_t hello_sent_ms = clock_ms();
 
     host_session *session = session_create(sock, frame_seq.load());
     if (session == nullptr) {
@@ -157,6 +160,8 @@ static void run_session(net_socket sock, const client_hello &hello)
         announce_no_viewer();
         return;
     }
+    session->hello_sent_ms = hello_sent_ms;
+    session->advert_wait_ms = advert_wait_ms;
     host_channel.receiver.deadline = {}; // a viewer may be silent for as long as it likes
     channel_take_receiver(&host_channel, &session->receiver);
     frame_pipeline_start(hello.caps);
@@ -206,13 +211,15 @@ static void serve_connection(net_socket sock, bool relay)
     if (viewer_came)
         host_rotate_password(0);
 
-    if (!handshake_as_host(&host_channel, sock, host_copy_password, deadline)) {
+    uint32_t key_trip_ms = 0;
+    if (!handshake_as_host(&host_channel, sock, host_copy_password, deadline, &key_trip_ms)) {
         server_log("auth failed (wrong password or not an qv client)");
         drop_connection(sock);
         pause_ms(AUTH_FAILED_PAUSE_MS);
         return;
     }
 
+    uint32_t confirmed_ms = clock_ms();
     client_hello hello;
     if (!read_client_hello(&hello)) {
         // No word to the log, and the channel's buffers and keys stay until the next
@@ -220,7 +227,7 @@ static void serve_connection(net_socket sock, bool relay)
         drop_connection(sock);
         return;
     }
-    run_session(sock, hello);
+    run_session(sock, hello, advert_wait(key_trip_ms, clock_ms() - confirmed_ms));
 }
 
 int host_server_run()

@@ -30,6 +30,10 @@ struct host_session {
     net_socket sock;     // constant; aborted by any thread, closed by the last owner
     std::atomic<uint32_t> owners;
 
+    // For how long after the host's hello the first walk may wait for the viewer's
+    // advertisement; constant once the control thread runs.
+    uint32_t hello_sent_ms, advert_wait_ms;
+
     // Control thread only, once it runs.
     channel_receiver receiver;
     latency_estimator estimator;
@@ -39,6 +43,7 @@ struct host_session {
     std::atomic<uint32_t> confirmed_seq; // newest frame really acknowledged
     std::atomic<int32_t> ema_rtt16;
     std::atomic<int32_t> tile_budget;
+    std::atomic<uint32_t> advert_over;   // the viewer's advertisement, if any, is in the mirror
     std::atomic<uint32_t> session_ended; // the viewer's side of the connection failed
 
     // What this session pressed and did not release yet: a bit a virtual key, a bit a

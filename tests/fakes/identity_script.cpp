@@ -3,11 +3,13 @@
 #include "identity/host_identity.h"
 #include "protocol/bytes.h"
 
+#include <atomic>
 #include <mutex>
 
 static std::mutex guard;
 static int32_t relay_mode;
 static void (*on_relay)();
+static std::atomic<void (*)()> on_password;
 static std::string relay, room, computer_name;
 static std::string password, next_password, peer_name;
 static int rotation_checks;
@@ -17,6 +19,7 @@ void identity_script_reset(int32_t mode)
 {
     relay_mode = mode;
     on_relay = nullptr;
+    on_password = nullptr;
     relay = "127.0.0.1";
     room = "123456789";
     computer_name = "host-box";
@@ -36,6 +39,11 @@ void identity_script_set_computer_name(const char *name)
 void identity_script_on_relay(void (*called)())
 {
     on_relay = called;
+}
+
+void identity_script_on_password(void (*called)())
+{
+    on_password = called;
 }
 
 void identity_script_set_password(const char *text)
@@ -83,6 +91,8 @@ void host_rotate_password(int32_t force)
 
 void host_copy_password(char copy[HOST_PASSWORD_SIZE])
 {
+    if (void (*call)() = on_password.load())
+        call();
     std::lock_guard<std::mutex> held(guard);
     copy_text(copy, HOST_PASSWORD_SIZE, password.c_str());
 }

@@ -15,6 +15,8 @@ void identity_script_set_computer_name(const char *name);
 // Called whenever the server asks for the relay's name: for its first line, then before each
 // registration. Null for nothing.
 void identity_script_on_relay(void (*called)());
+// Called when the server takes the password, in the middle of a handshake.
+void identity_script_on_password(void (*called)());
 
 // Any thread.
 void identity_script_set_password(const char *text);

@@ -193,3 +193,22 @@ TEST_CASE("an iteration waits for acknowledgements, but never longer than 250 ms
               row.decision);
     }
 }
+
+TEST_CASE("the first frame waits for the shorter round trip and 100 ms, at most 1000 ms")
+{
+    struct {
+        uint32_t one, other, wait;
+    } rows[] = {
+        {0, 0, 100},           {0, 500, 100},
+        {500, 0, 100},         {100, 103, 200},
+        {103, 100, 200},       {899, 950, 999},
+        {900, 901, 1000},      {901, 901, 1000},
+        {15000, 2000, 1000},   {0xFFFFFFFFu, 0xFFFFFFFFu, 1000},
+        {0xFFFFFFFFu, 1, 101},
+    };
+    for (auto &row : rows) {
+        CAPTURE(row.one);
+        CAPTURE(row.other);
+        CHECK(advert_wait(row.one, row.other) == row.wait);
+    }
+}

@@ -12,6 +12,7 @@
 #include "host/out_buffer.h"
 #include "host/screen.h"
 #include "host/text_layer.h"
+#include "host/tile_hash.h"
 #include "protocol/thread.h"
 #include "tests/fakes/capture_script.h"
 #include "tests/fakes/clock_script.h"
@@ -52,6 +53,9 @@ static void start_session(uint16_t caps = CAP_TILE_CACHE)
     session.acked_seq = frame_seq.load();
     session.confirmed_seq = frame_seq.load();
     session.session_ended = 0;
+    session.advert_over = 0;
+    session.hello_sent_ms = clock_script_now;
+    session.advert_wait_ms = 0;
     host_stop_requested = 0;
     flush_records.clear();
     flush_fails = false;
@@ -187,6 +191,182 @@ static int dirty_tiles()
 static void mirror_forget(uint64_t hash) NO_THREAD_SAFETY_ANALYSIS
 {
     cache_mirror_remove(hash);
+}
+
+// ---------------------------------------------------------------------------------------
+// The first walk waits for the viewer's advertisement
+
+// A session whose viewer may take so long to advertise, counted from now.
+static void start_waiting(uint32_t wait_ms, uint16_t caps = CAP_TILE_CACHE)
+{
+    clock_script_now = 0xFFFFFFB0; // it wraps on the way
+    start(128, 64, caps);
+    fill(tile_rect(0, 0), RED);
+    fill(tile_rect(1, 0), GREEN);
+    session.hello_sent_ms = clock_script_now;
+    session.advert_wait_ms = wait_ms;
+}
+
+static void advertise(const std::vector<uint64_t> &hashes)
+{
+    std::vector<uint8_t> payload(hashes.size() * 8 + 1);
+    for (size_t i = 0; i < hashes.size(); i++)
+        store_le64(&payload[i * 8], hashes[i]);
+    control_message(&session, MSG_CACHE_ADVERT, payload.data(), (uint32_t)hashes.size() * 8);
+}
+
+// The hashes of RED and GREEN tiles.
+static std::vector<uint64_t> hashes_of_desktop()
+{
+    std::vector<uint64_t> hashes;
+    for (uint32_t colour : {RED, GREEN}) {
+        std::vector<uint8_t> tile(TILE_BYTES);
+        for (size_t i = 0; i < tile.size(); i += 4)
+            store_le32(&tile[i], colour);
+        hashes.push_back(tile_hash(tile.data()));
+    }
+    return hashes;
+}
+
+TEST_CASE("the first walk waits for an advertisement as long as it may, and no longer")
+{
+    for (uint32_t wait_ms : {100u, 200u, 1000u}) { // round trips of 0, 100 and 900 ms and more
+        CAPTURE(wait_ms);
+        start_waiting(wait_ms);
+        for (uint32_t waited = 0; waited < wait_ms; waited += 20) {
+            int captures = 0;
+            capture_script_step = [&] {
+                captures++;
+                return desktop_capture();
+            };
+            CHECK(step().empty());
+            CHECK(captures == 1); // it goes on looking at the screen
+            capture_script_step = desktop_capture;
+            clock_script_now = clock_script_now + 20;
+        }
+        clock_script_now = session.hello_sent_ms + wait_ms - 1;
+        CHECK(step().empty());
+        clock_script_now = clock_script_now + 1;
+        CHECK(count_type(step(), MSG_TILE) == 2);
+        CHECK(picture_right());
+
+        // It was the first walk only.
+        fill(tile_rect(0, 0), BLUE);
+        clock_script_now = session.hello_sent_ms; // as if no time had passed
+        CHECK(count_type(step(), MSG_TILE) == 1);
+    }
+}
+
+TEST_CASE("an advertisement that comes in time saves the first screen")
+{
+    const std::vector<uint64_t> hashes = hashes_of_desktop();
+    for (uint32_t arrives : {0u, 99u, 199u}) { // the last at a round trip of 100 ms
+        CAPTURE(arrives);
+        start_waiting(arrives < 100 ? 100 : 200);
+        CHECK(step().empty());
+        clock_script_now = clock_script_now + arrives;
+        advertise(hashes);
+        std::vector<model_message> frame = step_unanswered();
+        CHECK(count_type(frame, MSG_TILE) == 0);
+        CHECK(count_type(frame, MSG_TILE_REF) == 2);
+    }
+}
+
+TEST_CASE(
+    "after a full advertisement the walk waits for the rest, after anything else it begins")
+{
+    std::vector<uint64_t> full(4096);
+    for (size_t i = 0; i < full.size(); i++)
+        full[i] = 0x100000 + i;
+
+    start_waiting(100);
+    advertise(full);
+    CHECK(step().empty());
+    advertise(full); // both messages can be full: then the time decides
+    CHECK(step().empty());
+    advertise(hashes_of_desktop());
+    CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 2);
+
+    start_waiting(100);
+    advertise(full);
+    clock_script_now = clock_script_now + 100;
+    CHECK(count_type(step(), MSG_TILE) == 2);
+
+    full.pop_back(); // 4095
+    start_waiting(100);
+    advertise(full);
+    CHECK(count_type(step(), MSG_TILE) == 2);
+
+    full.resize(4097);
+    start_waiting(100);
+    advertise(full);
+    CHECK(count_type(step(), MSG_TILE) == 2);
+
+    start_waiting(100);
+    advertise({});
+    CHECK(count_type(step(), MSG_TILE) == 2);
+
+    start_waiting(100);
+    acknowledge(frame_seq);
+    CHECK(count_type(step(), MSG_TILE) == 2);
+
+    const uint8_t bytes[MOUSE_BYTES] = {};
+    for (uint8_t type : {MSG_MOUSE, MSG_KEY, MSG_CACHE_MISS, MSG_TILE}) { // the last unknown
+        for (uint32_t length : {0u, (uint32_t)MOUSE_BYTES}) {
+            CAPTURE((int)type);
+            CAPTURE(length);
+            start_waiting(100);
+            CHECK(step().empty());
+            control_message(&session, type, bytes, length);
+            CHECK(count_type(step(), MSG_TILE) == 2);
+        }
+    }
+}
+
+TEST_CASE("an advertisement that comes late serves what is sent after it")
+{
+    start_waiting(100);
+    clock_script_now = clock_script_now + 100;
+    CHECK(count_type(step(), MSG_TILE) == 2);
+    uint64_t blue_hash;
+    {
+        std::vector<uint8_t> tile(TILE_BYTES);
+        for (size_t i = 0; i < tile.size(); i += 4)
+            store_le32(&tile[i], BLUE);
+        blue_hash = tile_hash(tile.data());
+    }
+    advertise({blue_hash});
+    fill(tile_rect(0, 0), BLUE);
+    CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+}
+
+TEST_CASE("a viewer without a cache is sent its first frame at once")
+{
+    for (uint16_t caps : {(uint16_t)0, CAP_TEXT_LAYER}) {
+        start_waiting(1000, caps);
+        CHECK(count_type(step(), MSG_TILE) == 2);
+    }
+}
+
+TEST_CASE("a stop and the session's end are seen while the first walk waits")
+{
+    for (bool stop : {true, false}) {
+        start_waiting(1000); // the clock stands still: the wait would never end
+        int captures = 0;
+        capture_script_step = [&] {
+            if (++captures == 3) {
+                if (stop)
+                    host_stop_requested = 1;
+                else
+                    session.session_ended = 1;
+            }
+            return desktop_capture();
+        };
+        frame_pipeline_run(&session);
+        capture_script_step = desktop_capture;
+        CHECK(captures == 3);
+        CHECK(flush_records.empty());
+    }
 }
 
 // ---------------------------------------------------------------------------------------

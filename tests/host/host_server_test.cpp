@@ -486,6 +486,39 @@ TEST_CASE("stops from several threads meet the end of a connection without harm"
 }
 
 // ---------------------------------------------------------------------------------------
+// The first frame
+
+TEST_CASE("the first frame waits 100 ms and the shorter round trip of the handshake")
+{
+    const struct {
+        bool slow;
+        uint32_t at_least; // from before the viewer's hello
+    } rows[] = {{false, 100}, {true, 350}};
+    for (const auto &row : rows) {
+        CAPTURE(row.slow);
+        start_direct();
+        desktop_paint(0x33);
+        if (row.slow)
+            identity_script_on_password([] { pass(250); });
+        {
+            test_viewer v;
+            v.sock = connect_host();
+            REQUIRE(v.log_in("secret"));
+            if (row.slow)
+                pass(1000);
+            uint32_t before = clock_ms();
+            v.send_hello();
+            v.receive_hello();
+            std::vector<uint8_t> payload;
+            CHECK(v.receive(&payload) == MSG_TILE);
+            CHECK(clock_ms() - before >= row.at_least);
+        }
+        identity_script_on_password(nullptr);
+        stop_direct();
+    }
+}
+
+// ---------------------------------------------------------------------------------------
 // Handshake and hello
 
 TEST_CASE("a wrong password is logged, and the right one is served after a pause")

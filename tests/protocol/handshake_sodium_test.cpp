@@ -110,6 +110,43 @@ TEST_CASE("both sides meet an independent peer under every kind of password")
     }
 }
 
+// Stands for a slow line: the host asks for its password between its key and the viewer's
+// confirmation.
+static void read_password_slowly(char password[PASSWORD_MAX + 1])
+{
+    clock_sleep_ms(150);
+    strcpy(password, "Kd8fQz2m");
+}
+
+TEST_CASE("the host measures from its key to the viewer's confirmation")
+{
+    REQUIRE(sodium_init() >= 0);
+    socket_pair p = socket_pair_open();
+    struct late_viewer {
+        net_socket sock;
+        sodium_peer peer;
+        bool ok;
+    } late = {p.viewer, {}, false};
+    thread *t = thread_start(
+        [](void *parameter) {
+            late_viewer *v = (late_viewer *)parameter;
+            clock_sleep_ms(2000); // before its key: not part of it
+            v->ok = sodium_as_viewer(&v->peer, v->sock, "Kd8fQz2m");
+        },
+        &late);
+    REQUIRE(t);
+    secure_channel channel = {};
+    uint32_t round_trip_ms = 0;
+    CHECK(handshake_as_host(&channel, p.host, read_password_slowly, {true, clock_ms() + 20000},
+                            &round_trip_ms));
+    REQUIRE(thread_join(t, 30000));
+    CHECK(late.ok);
+    CHECK(round_trip_ms >= 150);
+    CHECK(round_trip_ms < 2000);
+    channel_reset(&channel);
+    socket_pair_close(&p);
+}
+
 TEST_CASE("the viewer's password may be longer than any host's")
 {
     REQUIRE(sodium_init() >= 0);

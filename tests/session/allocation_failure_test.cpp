@@ -24,6 +24,7 @@
 #include "protocol/net.h"
 #include "tests/fakes/allocation_script.h"
 #include "tests/fakes/capture_edges.h"
+#include "tests/fakes/clock_script.h"
 #include "tests/fakes/window_none.h"
 #include "tests/identity/temp_data_dir.h"
 #include "tests/test.h"
@@ -323,6 +324,7 @@ static void run_viewer(run_report *r)
     r->complete = false;
     for (int i = 0; i < 15000 && !ended && !r->complete; i++) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
+        clock_script_now += 2; // the first frame waits for the viewer's advertisement
         if (iteration < ITERATIONS || window_none_opened() == 0)
             continue;
         if (host::screen.screen_width == 0) { // the picture comes back when memory does

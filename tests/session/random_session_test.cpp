@@ -1002,7 +1002,7 @@ static const struct {
     {"stall", 500},
     {"tile by reference", 2500},
     {"tile compressed", 10000},
-    {"tile outside, cleared", 300},
+    {"tile outside, cleared", 130},
     {"tile raw", 1500},
     {"tile raw, in doubt", 200},
     {"tile under a console", 100},

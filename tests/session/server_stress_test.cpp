@@ -23,6 +23,7 @@
 #include "tests/fakes/window_none.h"
 #include "tests/test.h"
 #include "viewer/frame_decode.h"
+#include "viewer/viewer_channel.h"
 #include "viewer/viewer_session.h"
 
 #include <atomic>
@@ -461,8 +462,10 @@ TEST_CASE("a window closes at any moment of a stream at 60 frames a second")
             before = usage_now();
         window_none_reset();
         std::thread user([delay = random.below(50000)] {
-            if (window_none_wait_opened(1))
+            if (window_none_wait_opened(1)) {
+                viewer::viewer_send_key(0, false); // no advertisement comes: frames may
                 pass_us(delay);
+            }
             window_none_close();
         });
         CHECK(viewer::viewer_session_run("127.0.0.1", "7777", false, "", "secret", nullptr,

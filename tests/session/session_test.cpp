@@ -14,6 +14,7 @@
 #include "protocol/clock.h"
 #include "protocol/handshake.h"
 #include "protocol/thread.h"
+#include "tests/fakes/cache_disk_memory.h"
 #include "tests/fakes/capture_script.h"
 #include "tests/fakes/input_record.h"
 #include "tests/fakes/server_log_record.h"
@@ -39,6 +40,7 @@ struct host_side {
     std::atomic<bool> held; // counted from when this is off
     uint32_t resize_one_in; // of so many captures one finds another size; 0: none
     test_random *random;
+    uint32_t advert_wait_ms; // how long the first frame waits for the viewer's advertisement
     std::atomic<bool> authenticated;
     std::atomic<bool> joined; // the control thread ended when its connection did
 };
@@ -95,6 +97,8 @@ static void host_thread(void *argument)
         return;
     side->authenticated = true;
     host::host_session *session = host::session_create(side->sock, host::frame_seq);
+    session->hello_sent_ms = clock_ms();
+    session->advert_wait_ms = side->advert_wait_ms;
     channel_take_receiver(&host::host_channel, &session->receiver);
     host::frame_pipeline_start(CAP_TILE_CACHE);
     capture_script_step = [=] { return scripted_step(side, session); };
@@ -117,10 +121,12 @@ struct connection {
     net_socket viewer_sock;
     thread *host_runs;
     thread *viewer_receives;
+    bool advertises; // the viewer tells what its cache's file holds, or that it holds nothing
 };
 
 // Connects a viewer whose cache has cache_slots slots to a host with a screen of this size.
-static void connect_session(connection *c, int32_t width, int32_t height, uint32_t cache_slots)
+static void connect_session(connection *c, int32_t width, int32_t height, uint32_t cache_slots,
+                            void (*draw)(test_random *) = nullptr)
 {
     lock_init(&host::host_lock);
     lock_init(&viewer::frame_lock);
@@ -133,6 +139,8 @@ static void connect_session(connection *c, int32_t width, int32_t height, uint32
     desktop_open(width, height);
     REQUIRE(host::screen_resize(width, height));
     fill(whole(), BLUE);
+    if (draw)
+        draw(c->host.random);
 
     socket_pair pair = socket_pair_open();
     net_set_nodelay(pair.host);
@@ -140,7 +148,8 @@ static void connect_session(connection *c, int32_t width, int32_t height, uint32
     c->host.sock = pair.host;
     c->viewer_sock = pair.viewer;
     REQUIRE(viewer::frame_open(width, height));
-    viewer::tile_cache_open();
+    if (!c->advertises) // no host waits for it then
+        viewer::tile_cache_open();
     lock_enter(&viewer::frame_lock);
     viewer::tile_cache.cache_capacity = cache_slots; // fewer than it has memory for
     lock_leave(&viewer::frame_lock);
@@ -148,6 +157,11 @@ static void connect_session(connection *c, int32_t width, int32_t height, uint32
     c->host_runs = thread_start(host_thread, &c->host);
     REQUIRE(c->host_runs != nullptr);
     REQUIRE(handshake_as_viewer(&viewer::viewer_channel, c->viewer_sock, "correct horse"));
+    if (c->advertises) {
+        viewer::tile_cache_open();
+        // A message of any other kind: the end of what is advertised.
+        REQUIRE(viewer::viewer_send_key(0, false));
+    }
     c->viewer_receives = thread_start(viewer::viewer_recv_thread, nullptr);
     REQUIRE(c->viewer_receives != nullptr);
 }
@@ -207,6 +221,56 @@ TEST_CASE("at rest the viewer shows the screen, whatever was drawn, moved and mi
     // The road was what it was meant to be.
     CHECK(hits > 0);
     CHECK(misses > 0);
+}
+
+// Programs with text in them: no tile like another, none of them noise.
+static void draw_programs(test_random *random)
+{
+    for (int32_t ty = 0; ty < tiles_for(desktop.height); ty++)
+        for (int32_t tx = 0; tx < tiles_for(desktop.width); tx++) {
+            rect tile = tile_rect(tx, ty);
+            fill(tile, 0x00F0F0F0);
+            for (int i = 0; i < 60; i++) {
+                int32_t x = tile.left + (int32_t)random->below(56);
+                int32_t y = tile.top + (int32_t)random->below(56);
+                fill({x, y, x + 1 + (int32_t)random->below(7),
+                      y + 1 + (int32_t)random->below(7)},
+                     0x00202020);
+            }
+        }
+}
+
+TEST_CASE("a desktop that was seen before costs a hundredth part or so")
+{
+    // 20 by 16 tiles, always the same, so that no three of them fall into one set of the
+    // cache: it has only room for two. The first connection of an empty cache, then one that
+    // finds what the first has kept.
+    disk_memory_reset();
+    test_random random = {2};
+    test_random same = random;
+    uint32_t bytes[2] = {};
+    for (uint32_t &cost : bytes) {
+        random = same;
+        connection c = {};
+        c.host.random = &random;
+        c.host.advert_wait_ms = 600000; // what ends the wait is the advertisement
+        c.advertises = true;
+        connect_session(&c, 1280, 1024, viewer::CACHE_CAPACITY, draw_programs);
+        wait_session(&c);
+        CHECK(picture_right());
+        REQUIRE(viewer::statistics.stat_misses == 0);
+        cost = viewer::statistics.stat_bytes;
+        lock_enter(&viewer::frame_lock);
+        viewer::tile_cache_save();
+        lock_leave(&viewer::frame_lock);
+        close_viewer();
+    }
+    CHECK(viewer::statistics.stat_hits == 320);
+    CAPTURE(bytes[0]);
+    CAPTURE(bytes[1]);
+    CHECK(bytes[0] > 320 * 200);
+    CHECK((uint64_t)bytes[1] * 100 <= (uint64_t)bytes[0] * 3);
+    disk_memory_reset(true);
 }
 
 TEST_CASE("a flood of input reaches the host in order while frames stream the other way")
