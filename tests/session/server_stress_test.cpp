@@ -403,6 +403,13 @@ TEST_CASE("viewers come and go, and nothing grows")
             if (i % 100 == 0)
                 input_record_clear();
         }
+        // A visitor that left between handshake and hello leaves its channel's buffers to
+        // the next handshake; a session's end frees them.
+        stress_viewer last;
+        last.join();
+        last.leave(false);
+        waits++;
+        REQUIRE(wait_until([&] { return times_waiting == waits; }));
         input_record_clear();
     };
     visits(200); // buffers find their sizes
