@@ -4,7 +4,8 @@
 help:
 	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up;"
 	@echo "               RELAY=1: through a relay)"
-	@echo "make windows   build/windows/qv_client.exe and build/windows/qv_host.exe"
+	@echo "make windows   build/windows/: qv.exe, and qv_client.exe and qv_host.exe for the command"
+	@echo "               line"
 	@echo "make relay     build/relay/qv_relay, where hosts and viewers meet (docs/relay.md)"
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
@@ -19,8 +20,8 @@ setup:
 
 windows: setup
 	cmake --preset mingw-release
-	cmake --build --preset mingw-release --parallel 2 --target qv_client_program qv_host_program
-	tools/check_imports build/windows/qv_client.exe build/windows/qv_host.exe
+	cmake --build --preset mingw-release --parallel 2 --target qv_program qv_client_program qv_host_program
+	tools/check_imports build/windows/qv.exe build/windows/qv_client.exe build/windows/qv_host.exe
 
 relay: setup
 	cmake --preset linux-release
