@@ -25,6 +25,8 @@ if(WIN32)
   target_compile_definitions(qv_options INTERFACE __USE_MINGW_ANSI_STDIO=1)
   # One file that needs only system DLLs.
   target_link_options(qv_options INTERFACE -static)
+  # The same sources give the same bytes, whenever they are linked.
+  target_link_options(qv_options INTERFACE -Wl,--no-insert-timestamp)
   if(CMAKE_BUILD_TYPE STREQUAL "Release")
     target_link_options(qv_options INTERFACE -s)
   endif()
@@ -71,16 +73,25 @@ function(qv_library name)
   endif()
 endfunction()
 
-# qv_program(qv_host SOURCE host_main_win32.cpp LIBRARIES ...): one of the product's
-# executables, in build/windows/ when this is the release build. A console program unless
-# GUI is given. The target is called qv_host_program, since libraries have such names too.
+# qv_program(qv_host SOURCE host_main_win32.cpp DESCRIPTION "..." LIBRARIES ...): one of the
+# product's executables, in build/windows/ when this is the release build. A console program
+# unless GUI is given. The target is called qv_host_program, since libraries have such names
+# too. The description is what Explorer and the task manager show.
 function(qv_program name)
-  cmake_parse_arguments(ARG "GUI" "SOURCE" "LIBRARIES" ${ARGN})
+  cmake_parse_arguments(ARG "GUI" "SOURCE;DESCRIPTION" "LIBRARIES" ${ARGN})
   if(NOT WIN32 OR NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${ARG_SOURCE})
     return()
   endif()
   set(target ${name}_program)
-  add_executable(${target} ${ARG_SOURCE} ${CMAKE_SOURCE_DIR}/cmake/qv.rc)
+  if(NOT ARG_DESCRIPTION)
+    set(ARG_DESCRIPTION ${name})
+  endif()
+  set(folder ${CMAKE_SOURCE_DIR}/app/resources)
+  set(resources ${CMAKE_BINARY_DIR}/resources/${name}.rc)
+  configure_file(${folder}/program.rc.in ${resources} @ONLY)
+  set_source_files_properties(${resources} PROPERTIES
+    OBJECT_DEPENDS "${folder}/qv.ico;${folder}/qv.manifest")
+  add_executable(${target} ${ARG_SOURCE} ${resources})
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name})
   target_compile_options(${target} PRIVATE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)

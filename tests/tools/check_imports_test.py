@@ -20,11 +20,12 @@ class CheckImportsTest(unittest.TestCase):
         self.addCleanup(held.cleanup)
         self.directory = pathlib.Path(held.name)
 
-    def build(self, text, *libraries, resources=("qv.rc",)):
+    def build(self, text, *libraries, manifest=True):
         program, compiled = self.directory / "program.exe", self.directory / "resources.o"
         objects = []
-        for source in resources:
-            subprocess.run([TOOL + "windres", ROOT / "cmake" / source, compiled], check=True)
+        if manifest:
+            subprocess.run([TOOL + "windres", "--include-dir", ROOT, "-O", "coff", "-o", compiled], text=True,
+                           input='1 24 "app/resources/qv.manifest"\n', check=True)
             objects.append(compiled)
         subprocess.run([TOOL + "gcc-posix", "-s", "-static", "-o", program, *objects, "-xc", "-",
                         "-xnone"] + [f"-l{library}" for library in libraries],
@@ -63,7 +64,7 @@ class CheckImportsTest(unittest.TestCase):
         self.assertEqual(self.check(program), (1, f"{program}: has delayed imports\n"))
 
     def test_a_program_without_a_manifest_is_found(self):
-        program = self.build(SOUND, resources=())
+        program = self.build(SOUND, manifest=False)
         self.assertEqual(self.check(program), (1, f"{program}: has no manifest\n"))
 
     def test_the_directory_it_was_built_in_is_found(self):
