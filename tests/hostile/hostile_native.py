@@ -17,6 +17,7 @@ import zlib
 import numpy
 
 import host_attacks
+import middle_attacks
 import viewer_attacks
 from attack import SECONDS, Failure, wait_for
 
@@ -135,6 +136,13 @@ class NativeHost(host_attacks.HostTarget):
         return numpy.stack([pixels >> 16 & 255, pixels >> 8 & 255, pixels & 255],
                            axis=2).astype(numpy.uint8)
 
+    def expected_frame(self):
+        """The same as NativeViewer.picture() answers."""
+        width, height = self.size
+        padded = numpy.zeros(((height + 63) // 64 * 64, (width + 63) // 64 * 64, 4), numpy.uint8)
+        padded[:height, :width, 2::-1] = self.expected_picture()
+        return f"{width} {height} {zlib.crc32(padded.tobytes())}"
+
     def end(self):
         """Stops the server. Returns the exit status, which tells what the sanitizers say."""
         self.program.request("stop")
@@ -143,11 +151,11 @@ class NativeHost(host_attacks.HostTarget):
 
 
 class NativeSession(viewer_attacks.Session):
-    def __init__(self, program, port):
+    def __init__(self, program, port, password):
         self.program = program
         self.first = len(program.lines)
         self.result = None
-        program.request(f"run {port} {viewer_attacks.PASSWORD}")
+        program.request(f"run {port} {password}")
 
     def printed(self):
         """What the session printed, once it has ended."""
@@ -179,11 +187,18 @@ class NativeViewer(viewer_attacks.ViewerTarget):
         self.program = NativeProgram("hostile_viewer")
         self.running = None
 
-    def start(self, port):
+    def start(self, port, password=viewer_attacks.PASSWORD):
         if self.running:
             self.running.status()  # one at a time
-        self.running = NativeSession(self.program, port)
+        self.running = NativeSession(self.program, port, password)
         return self.running
+
+    def picture(self):
+        """What it has: width, height and a checksum of the picture with its padding."""
+        return self.program.ask("picture")
+
+    def press_key(self):
+        self.program.request("key 1")
 
     def holds(self):
         return self.program.holds()
@@ -221,6 +236,18 @@ class HostileHostTest(unittest.TestCase):
         self.addCleanup(viewer.program.kill)
         viewer_attacks.run(self, viewer)
         self.assertEqual(viewer.program.end(), 0)
+
+
+class MiddleTest(unittest.TestCase):
+    """Somebody on the line between an honest viewer and an honest host."""
+
+    def test_attacks(self):
+        host, viewer = NativeHost(300, 200), NativeViewer()
+        self.addCleanup(host.program.kill)
+        self.addCleanup(viewer.program.kill)
+        middle_attacks.run(self, host, viewer)
+        self.assertEqual(viewer.program.end(), 0)
+        self.assertEqual(host.end(), 0)
 
 
 if __name__ == "__main__":
