@@ -20,6 +20,7 @@
 
 #include "host/capture_dxgi.h"
 #include "host/capture_gdi.h"
+#include "host/capture_pace.h"
 #include "host/capture_plan.h"
 #include "host/screen.h"
 #include "identity/server_log.h"
@@ -35,7 +36,8 @@ enum capture_mode { MODE_GDI, MODE_DUPLICATION };
 
 static struct {
     capture_mode mode;
-    bool gdi_ready; // GDI mode: the bitmap and a screen of its size exist
+    bool gdi_ready;       // GDI mode: the bitmap and a screen of its size exist
+    uint64_t copy_end_us; // when the last GDI copy ended or failed, by clock_us
 } capture;
 
 // Gives the screen this size unless it has it; false when that cannot be had.
@@ -236,9 +238,10 @@ static capture_result gdi_step()
         return CAPTURE_NOTHING;
     }
     // Before the copy, not after it: what is sent is then never older than it need be.
-    gdi_pause();
+    capture_pace_wait(capture.copy_end_us);
     int32_t width = screen.screen_width, height = screen.screen_height;
     const uint8_t *bits = gdi_copy(width, height);
+    capture.copy_end_us = clock_us();
     if (!bits)
         return CAPTURE_NOTHING;
     int64_t pitch = (int64_t)screen.padded_width * PIXEL_BYTES;

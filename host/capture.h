@@ -22,8 +22,8 @@ int capture_start();
 // True while duplication is in use.
 bool capture_is_duplication();
 
-// One capture: waits at most 2 ms for duplication, or paces itself to one GDI copy at least
-// 16 ms after the last.
+// One capture: waits at most 2 ms for duplication, or for as long as capture_pace.h says
+// between two GDI copies.
 capture_result capture_step();
 
 } // namespace host

@@ -16,10 +16,6 @@ void gdi_screen_size(int32_t *width, int32_t *height);
 // row first. What an earlier call made is released. False when the system gives none.
 [[nodiscard]] bool gdi_open(int32_t padded_width, int32_t height);
 
-// Waits until GDI_PAUSE_MS have passed since the last copy ended (or was tried).
-void gdi_pause();
-constexpr uint32_t GDI_PAUSE_MS = 16; // about 60 copies a second
-
 // Copies width x height pixels from the screen's top left corner into the bitmap; returns its
 // first pixel, or null when nothing is open or the screen cannot be read (the log-on
 // desktop, say).

@@ -12,7 +12,6 @@ static struct {
     HBITMAP bitmap;   // DIB section, top row first
     HGDIOBJ replaced; // what the memory context held before; it goes back ahead of release
     uint8_t *bits;    // the bitmap's pixels; the bitmap owns them
-    int64_t copy_end; // performance counter when the last copy ended; 0 before the first
 } gdi;
 
 static void gdi_close()
@@ -71,27 +70,6 @@ bool gdi_open(int32_t padded_width, int32_t height)
     return created;
 }
 
-static int64_t counter_now()
-{
-    LARGE_INTEGER now;
-    QueryPerformanceCounter(&now);
-    return now.QuadPart;
-}
-
-// The performance counter and not the tick count, whose steps are as long as the pause.
-void gdi_pause()
-{
-    LARGE_INTEGER frequency;
-    QueryPerformanceFrequency(&frequency);
-    int64_t turn = gdi.copy_end + frequency.QuadPart * GDI_PAUSE_MS / 1000;
-    while (gdi.copy_end != 0) {
-        int64_t left = turn - counter_now();
-        if (left <= 0)
-            break;
-        Sleep((DWORD)(left * 1000 / frequency.QuadPart) + 1);
-    }
-}
-
 const uint8_t *gdi_copy(int32_t width, int32_t height)
 {
     BOOL copied = FALSE;
@@ -101,7 +79,6 @@ const uint8_t *gdi_copy(int32_t width, int32_t height)
     if (desktop)
         ReleaseDC(nullptr, desktop);
     GdiFlush(); // drawing is queued, and the bits are read without GDI knowing
-    gdi.copy_end = counter_now();
     return copied ? gdi.bits : nullptr;
 }
 

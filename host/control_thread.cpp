@@ -12,6 +12,7 @@
 // time that host_lock is taken.
 #include "host/control_thread.h"
 #include "host/cache_mirror.h"
+#include "host/capture_pace.h"
 #include "host/flow_control.h"
 #include "host/frame_pipeline.h"
 #include "host/input.h"
@@ -50,6 +51,9 @@ static void take_frame_ack(host_session *session, const uint8_t *payload)
         (int32_t)(frame_seq.load() - stamp.frame_seq) >= 0)
         session->confirmed_seq.store(stamp.frame_seq);
 
+    if (session->waits_for_ack.exchange(0) != 0)
+        capture_pace_news();
+
     latency_estimator *e = &session->estimator;
     latency_update(e, latency_sample(now, stamp.sent_ms));
     session->ema_rtt16.store(e->ema_rtt16);
@@ -77,6 +81,7 @@ static void take_mouse(host_session *session, const uint8_t *payload)
     if (mouse.kind == MOUSE_UP)
         session->buttons_down.fetch_and(~bit);
     input_send(&event, 1);
+    capture_pace_input();
     if (mouse.kind == MOUSE_DOWN)
         session->buttons_down.fetch_or(bit);
 }
@@ -96,6 +101,7 @@ static void take_key(host_session *session, const uint8_t *payload)
     if (!press)
         word->fetch_and(~bit);
     input_send(&event, 1);
+    capture_pace_input();
     if (press)
         word->fetch_or(bit);
 }
@@ -107,6 +113,7 @@ static void take_char(host_session *session, const uint8_t *payload)
     if (session_over(session))
         return;
     input_send(events, 2);
+    capture_pace_input();
 }
 
 static void take_cache_advert(host_session *session, const uint8_t *payload, uint32_t length)
@@ -156,6 +163,7 @@ static void take_cache_miss(host_session *session, const uint8_t *payload)
     if (!session_over(session)) {
         cache_mirror_remove(ref.hash);
         resend_tile(session, ref.tile_x, ref.tile_y);
+        capture_pace_news();
     }
     lock_leave(&host_lock);
 }
@@ -220,6 +228,7 @@ void control_thread(void *argument)
     // server has its own limit for this thread and need not notice the end any later.
     net_abort(session->sock);
     session->session_ended.exchange(1);
+    capture_pace_news(); // which at worst wakes the next session's server for nothing
     session_release_input(session);
     session_release(session);
 }

@@ -24,6 +24,7 @@
 #include "host/frame_pipeline.h"
 #include "host/cache_mirror.h"
 #include "host/capture.h"
+#include "host/capture_pace.h"
 #include "host/cursor.h"
 #include "host/host_channel.h"
 #include "host/host_lock.h"
@@ -363,6 +364,7 @@ bool frame_pipeline_step(host_session *session)
     switch (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, clock_ms(),
                         pipeline.last_iteration_tick)) {
     case PACE_WAIT:
+        session->waits_for_ack = 1;
         return true;
     case PACE_STALL:
         // Lost acknowledgements must not stall the stream. confirmed_seq stays: nothing is
@@ -392,9 +394,13 @@ bool frame_pipeline_step(host_session *session)
         server_log("frame %u: %d tiles (%d as refs), %u bytes", last + 1, sent.handled,
                    sent.refs, (uint32_t)(out_used() - frame_start));
 
+    bool picture = out_used() != frame_start;
     append_cursor();
-    if ((out_used() != frame_start || !out_intact()) && !end_frame())
-        return false;
+    if (out_used() != frame_start || !out_intact()) {
+        capture_pace_frame(picture);
+        if (!end_frame())
+            return false;
+    }
     pipeline.last_iteration_tick = clock_ms();
     return true;
 }
@@ -411,6 +417,7 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.tiles_sent_total = 0;
     pipeline.cache_refs_total = 0;
     pipeline.awaits_advert = (caps & CAP_TILE_CACHE) != 0;
+    capture_pace_start();
     out_reset();
     text_layer_reset();
     window_list_reset();

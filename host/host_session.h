@@ -46,6 +46,10 @@ struct host_session {
     std::atomic<uint32_t> advert_over;   // the viewer's advertisement, if any, is in the mirror
     std::atomic<uint32_t> session_ended; // the viewer's side of the connection failed
 
+    // Set by the server thread when it may send nothing before an acknowledgement, taken by
+    // the control thread when one comes.
+    std::atomic<uint32_t> waits_for_ack;
+
     // What this session pressed and did not release yet: a bit a virtual key, a bit a
     // button. Set once a press was injected; taken by exchange, so that each release is
     // sent once.

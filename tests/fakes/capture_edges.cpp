@@ -2,6 +2,8 @@
 
 #include "host/capture_dxgi.h"
 #include "host/capture_gdi.h"
+#include "host/server_wake.h"
+#include "protocol/clock.h"
 #include "protocol/tile.h"
 #include "tests/test.h"
 
@@ -242,9 +244,19 @@ bool gdi_open(int32_t padded_width, int32_t height)
     return true;
 }
 
-void gdi_pause()
+// The clock is the scripted one: nobody but the test waits for it.
+void server_pause(uint64_t us)
 {
     note("pause");
+    CHECK(us > 0);
+    if (capture_edges.on_pause)
+        capture_edges.on_pause();
+    else
+        clock_sleep_ms((uint32_t)((us + 999) / 1000));
+}
+
+void server_wake() // other threads, which note nothing
+{
 }
 
 const uint8_t *gdi_copy(int32_t width, int32_t height)

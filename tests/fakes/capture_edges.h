@@ -4,6 +4,7 @@
 
 #include "host/capture_plan.h"
 
+#include <functional>
 #include <stdint.h>
 #include <string>
 #include <vector>
@@ -27,6 +28,9 @@ struct capture_edges_record {
 
     bool open_fails, staging_fails, gdi_open_fails, gdi_copy_fails;
     std::vector<scripted_frame> frames; // taken from the front; none left = wait timed out
+
+    // What happens in a pause of the server thread; empty: the pause is slept on the clock.
+    std::function<void()> on_pause;
 
     // The calls made, in order: "open", "acquire", "box 0,0,8,8", "gdi_copy 150x70" ...
     std::vector<std::string> calls;

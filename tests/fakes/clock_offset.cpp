@@ -20,6 +20,13 @@ uint32_t clock_ms()
            offset;
 }
 
+uint64_t clock_us()
+{
+    auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return (uint64_t)std::chrono::duration_cast<std::chrono::microseconds>(now).count() +
+           (uint64_t)offset * 1000;
+}
+
 void clock_sleep_ms(uint32_t ms)
 {
     std::this_thread::sleep_for(std::chrono::milliseconds(ms));

@@ -11,6 +11,13 @@ uint32_t clock_ms()
     return (uint32_t)((uint64_t)now.tv_sec * 1000 + (uint64_t)now.tv_nsec / 1000000);
 }
 
+uint64_t clock_us()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (uint64_t)now.tv_sec * 1000000 + (uint64_t)now.tv_nsec / 1000;
+}
+
 void clock_sleep_ms(uint32_t ms)
 {
     timespec left = {};

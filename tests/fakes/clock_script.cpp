@@ -13,6 +13,11 @@ uint32_t clock_ms()
     return now;
 }
 
+uint64_t clock_us()
+{
+    return (uint64_t)clock_script_now * 1000;
+}
+
 void clock_sleep_ms(uint32_t ms)
 {
     clock_script_now += ms;

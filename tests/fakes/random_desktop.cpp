@@ -2,6 +2,7 @@
 
 #include "host/capture_dxgi.h"
 #include "host/capture_gdi.h"
+#include "host/server_wake.h"
 #include "host/tile_hash.h"
 #include "protocol/clock.h"
 #include "protocol/tile.h"
@@ -377,9 +378,14 @@ bool gdi_open(int32_t padded_width, int32_t height)
     return true;
 }
 
-void gdi_pause()
+// Woken at some time, by whoever is meant to or by nobody.
+void server_pause(uint64_t us)
 {
-    clock_sleep_ms((uint32_t)below((int32_t)GDI_PAUSE_MS + 1));
+    clock_sleep_ms((uint32_t)below((int32_t)(us / 1000) + 2));
+}
+
+void server_wake()
+{
 }
 
 // Keeps the size that it started with, whatever becomes of the desktop's.

@@ -238,6 +238,14 @@ uint32_t clock_ms()
     return stepped_clock;
 }
 
+// Goes on where the other wraps.
+uint64_t clock_us()
+{
+    static uint64_t ms;
+    ms += stepped_clock - (uint32_t)ms;
+    return ms * 1000;
+}
+
 void clock_sleep_ms(uint32_t ms)
 {
     stepped_clock += ms;

@@ -1,5 +1,6 @@
 // Fakes: capture_edges clock_script server_log_record
 #include "host/capture.h"
+#include "host/capture_pace.h"
 #include "host/screen.h"
 #include "tests/fakes/capture_edges.h"
 #include "tests/fakes/clock_script.h"
@@ -22,6 +23,7 @@ static void start_fresh(int32_t width, int32_t height)
     (void)screen_resize(0, 0);
     capture_edges_reset(width, height);
     server_log_clear();
+    clock_script_now += 60000; // the last test's copy was long ago
 }
 
 static void clear_dirty()
@@ -411,7 +413,7 @@ TEST_CASE("a duplication that cannot be had again leaves GDI for good")
     capture_edges.open_fails = false;
     capture_edges_desktop(150, 70);
     CHECK(capture_step() == CAPTURE_FRAME);
-    CHECK(capture_edges_calls() == "pause gdi_copy 150x70");
+    CHECK(capture_edges_calls() == "gdi_copy 150x70");
     CHECK(wrong_pixels({{0, 0, 150, 70}}, blank_frame()) == 0);
 }
 
@@ -445,14 +447,14 @@ TEST_CASE("a change of resolution resizes the screen and has every tile sent")
     CHECK(wrong_pixels({{0, 0, 100, 200}}, blank_frame()) == 0);
 }
 
-TEST_CASE("GDI waits, copies everything and marks every tile")
+TEST_CASE("GDI copies everything and marks every tile")
 {
     start_fresh(150, 70);
     capture_edges.open_fails = true;
     REQUIRE(capture_start() == 0);
     (void)capture_edges_calls();
     CHECK(capture_step() == CAPTURE_FRAME);
-    CHECK(capture_edges_calls() == "pause gdi_copy 150x70");
+    CHECK(capture_edges_calls() == "gdi_copy 150x70");
     CHECK(dirty_bits() == 0b111111);
     CHECK(wrong_pixels({{0, 0, 150, 70}}, blank_frame()) == 0);
 }
@@ -469,8 +471,31 @@ TEST_CASE("a GDI copy that fails brings nothing, and the next one is tried")
     CHECK(wrong_pixels({}, blank_frame()) == 0);
     capture_edges.gdi_copy_fails = false;
     CHECK(capture_step() == CAPTURE_FRAME);
-    CHECK(capture_edges_calls() == "pause gdi_copy 150x70 pause gdi_copy 150x70");
+    CHECK(capture_edges_calls() == "gdi_copy 150x70 pause gdi_copy 150x70");
     CHECK(wrong_pixels({{0, 0, 150, 70}}, blank_frame()) == 0);
+}
+
+TEST_CASE("at least 16 ms lie between the end of a GDI copy and the next, failed ones included")
+{
+    for (bool fails : {false, true}) {
+        CAPTURE(fails);
+        start_fresh(150, 70);
+        capture_edges.open_fails = true;
+        capture_edges.gdi_copy_fails = fails;
+        REQUIRE(capture_start() == 0);
+        (void)capture_step();
+        for (uint32_t later : {0u, 7u, 15u, 16u, 40u}) {
+            CAPTURE(later);
+            capture_pace_start(); // the screen is not at rest
+            uint32_t copied = clock_script_now;
+            clock_script_now += later;
+            (void)capture_edges_calls();
+            (void)capture_step();
+            CHECK(clock_script_now - copied == (later < 16 ? 16 : later));
+            CHECK(capture_edges_calls() ==
+                  (later < 16 ? "pause gdi_copy 150x70" : "gdi_copy 150x70"));
+        }
+    }
 }
 
 TEST_CASE("GDI does not notice a change of resolution")
@@ -481,7 +506,7 @@ TEST_CASE("GDI does not notice a change of resolution")
     capture_edges_desktop(200, 100);
     (void)capture_edges_calls();
     CHECK(capture_step() == CAPTURE_FRAME);
-    CHECK(capture_edges_calls() == "pause gdi_copy 150x70");
+    CHECK(capture_edges_calls() == "gdi_copy 150x70");
     CHECK(screen.screen_width == 150);
 }
 

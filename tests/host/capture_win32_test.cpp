@@ -76,20 +76,6 @@ TEST_CASE("opening again releases the handles of before")
         REQUIRE(gdi_open(64, 1));
 }
 
-TEST_CASE("at least 16 ms lie between the end of a copy and the next")
-{
-    using clock = std::chrono::steady_clock;
-    REQUIRE(gdi_open(64, 64));
-    for (int32_t i = 0; i < 5; i++) {
-        (void)gdi_copy(64, 64); // a failed copy is followed by the pause as well
-        clock::time_point end = clock::now();
-        gdi_pause();
-        // The copy ended before end was read: by less than a millisecond, as a rule, but the
-        // thread may have lost its processor between.
-        CHECK(clock::now() - end >= std::chrono::milliseconds(15));
-    }
-}
-
 TEST_CASE("capture runs on this desktop")
 {
     lock_init(&host_lock);

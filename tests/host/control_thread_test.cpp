@@ -1,12 +1,14 @@
 // Labels: threaded
 // Fakes: input_record server_log_record clock_script
 //
-// Two things are replaced in this file besides the fakes: the lock, by one that counts how
-// often it is taken and can call back when it is left, and the pipeline's frame number.
+// Three things are replaced in this file besides the fakes: the lock, by one that counts how
+// often it is taken and can call back when it is left, the pipeline's frame number, and the
+// server thread's pause, of which the wakes are counted.
 #include "host/control_thread.h"
 #include "host/cache_mirror.h"
 #include "host/frame_pipeline.h"
 #include "host/screen.h"
+#include "host/server_wake.h"
 #include "protocol/thread.h"
 #include "tests/fakes/clock_script.h"
 #include "tests/fakes/input_record.h"
@@ -44,10 +46,21 @@ void lock_leave(lock *) NO_THREAD_SAFETY_ANALYSIS
         session_retire();
 }
 
+static std::atomic<int> wake_count;
+
 namespace host
 {
 std::atomic<uint32_t> frame_seq;
+
+void server_pause(uint64_t)
+{
 }
+
+void server_wake()
+{
+    wake_count++;
+}
+} // namespace host
 
 namespace
 {
@@ -70,6 +83,7 @@ struct fixture {
         session = session_create(sock, seq);
         REQUIRE(session != nullptr);
         lock_count = 0;
+        wake_count = 0;
     }
 
     ~fixture()
@@ -248,6 +262,38 @@ TEST_CASE("acknowledgements and input take no lock")
     f.message(MSG_CHAR, unit, 2);
     CHECK(lock_count == 0);
     CHECK(input_record_calls().size() == 3);
+}
+
+TEST_CASE("what the server should look at wakes it, and nothing else does")
+{
+    fixture f;
+    int wakes = 0;
+    f.ack(100, 1000); // nobody waits for it
+    CHECK(wake_count == wakes);
+    f.session->waits_for_ack = 1;
+    f.ack(100, 1000);
+    CHECK(wake_count == ++wakes);
+    f.ack(100, 1000);
+    CHECK(wake_count == wakes);
+    f.mouse(1, 1, MOUSE_MOVE);
+    CHECK(wake_count == ++wakes);
+    f.key(0x10041);
+    CHECK(wake_count == ++wakes);
+    const uint8_t unit[2] = {'x', 0};
+    f.message(MSG_CHAR, unit, 2);
+    CHECK(wake_count == ++wakes);
+    f.miss(3, 2, 42);
+    CHECK(wake_count == ++wakes);
+    f.message(MSG_CACHE_ADVERT, nullptr, 0);
+    f.message(MSG_SERVER_HELLO, unit, 2);
+    CHECK(wake_count == wakes);
+
+    session_retire();
+    f.key(0x41);
+    f.mouse(1, 1, MOUSE_UP);
+    f.message(MSG_CHAR, unit, 2);
+    f.miss(3, 2, 42);
+    CHECK(wake_count == wakes);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -751,8 +797,11 @@ TEST_CASE("a connection that breaks ends the session and releases what was press
     put_mouse(mouse.data(), {10, 10, MOUSE_DOWN, 1, 0});
     r.send(message_bytes(MSG_MOUSE, mouse));
     r.send({0x83, 0, 0, 0}); // half a header
+    CHECK(wait_until([] { return input_record_calls().size() == 4; }));
+    int wakes = wake_count;
     net_abort(r.sockets.viewer);
     r.check_ends();
+    CHECK(wake_count == wakes + 1);
     auto calls = input_record_calls();
     REQUIRE(calls.size() == 6);
     CHECK(calls[4][0].virtual_key == 0x41);

@@ -6,11 +6,13 @@
 // Fakes: console_script host_switches window_list_script
 #include "host/frame_pipeline.h"
 #include "host/cache_mirror.h"
+#include "host/capture_pace.h"
 #include "host/control_thread.h"
 #include "host/host_channel.h"
 #include "host/host_server.h"
 #include "host/out_buffer.h"
 #include "host/screen.h"
+#include "host/server_wake.h"
 #include "host/text_layer.h"
 #include "host/tile_hash.h"
 #include "protocol/thread.h"
@@ -37,6 +39,16 @@ using namespace host;
 // The server's flag; the server itself has no part here.
 std::atomic<uint32_t> host::host_stop_requested;
 
+// Its pauses pass on the scripted clock, and nothing happens in them.
+void host::server_pause(uint64_t us)
+{
+    clock_script_now += (uint32_t)((us + 999) / 1000);
+}
+
+void host::server_wake()
+{
+}
+
 // ---------------------------------------------------------------------------------------
 // The session and its viewer
 
@@ -53,6 +65,7 @@ static void start_session(uint16_t caps = CAP_TILE_CACHE)
     session.acked_seq = frame_seq.load();
     session.confirmed_seq = frame_seq.load();
     session.session_ended = 0;
+    session.waits_for_ack = 0;
     session.advert_over = 0;
     session.hello_sent_ms = clock_script_now;
     session.advert_wait_ms = 0;
@@ -700,13 +713,46 @@ TEST_CASE("a frame waits for the acknowledgement and keeps what was captured mea
     start(128, 64);
     fill(tile_rect(0, 0), RED);
     CHECK(!step_unanswered().empty());
+    CHECK(session.waits_for_ack == 0);
     fill(tile_rect(1, 0), GREEN);
     CHECK(step_unanswered().empty());
+    CHECK(session.waits_for_ack == 1);
     fill(tile_rect(0, 0), BLUE);
     CHECK(step_unanswered().empty());
     acknowledge(frame_seq);
+    CHECK(session.waits_for_ack == 0);
     CHECK(tiles_in(step_unanswered()).size() == 2);
     CHECK(picture_right());
+}
+
+// From the end of a copy to the start of the next, by the test's clock.
+static uint32_t copy_pause_ms()
+{
+    uint32_t copied = clock_script_now;
+    capture_pace_wait((uint64_t)copied * 1000);
+    return clock_script_now - copied;
+}
+
+TEST_CASE("frames keep the screen's copies at their usual pace and end the wait for an answer")
+{
+    start(64, 64);
+    clock_script_now += 20000;
+    (void)step(); // the pointer, if this is the program's first frame
+    clock_script_now += 20000;
+    CHECK(copy_pause_ms() == 50);
+    cursor_script_now.x++; // which is no answer
+    capture_pace_input();
+    CHECK(copy_pause_ms() == 5);
+    CHECK(step().size() == 2);
+    CHECK(copy_pause_ms() == 5);
+    fill(whole(), RED);
+    CHECK(tiles_in(step()).size() == 1);
+    CHECK(copy_pause_ms() == 16);
+    clock_script_now += 20000;
+    CHECK(step().empty());
+    CHECK(copy_pause_ms() == 50);
+    start_session(); // in which something has just happened
+    CHECK(copy_pause_ms() == 16);
 }
 
 TEST_CASE("more than 250 ms without an acknowledgement the stream goes on")

@@ -119,6 +119,11 @@ uint32_t clock_ms()
            skipped_ms;
 }
 
+uint64_t clock_us()
+{
+    return (uint64_t)clock_ms() * 1000;
+}
+
 void clock_sleep_ms(uint32_t ms)
 {
     if (ms >= 50)
