@@ -2,8 +2,7 @@
 #ifndef QV_RELAY_CONNECTION_H
 #define QV_RELAY_CONNECTION_H
 
-#include "relay/counters.h"
-#include "relay/room_table.h"
+#include "relay/lobby.h"
 
 #include <asio/ip/tcp.hpp>
 #include <asio/redirect_error.hpp>
@@ -12,9 +11,7 @@
 
 #include <cstdint>
 #include <memory>
-#include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 namespace relay
@@ -22,59 +19,9 @@ namespace relay
 
 class pair;
 
-// Open connections by address.
-using address_counts = std::unordered_map<std::string, std::uint32_t>;
-
-// Counts one open connection of an address for as long as it lives.
-class address_slot
-{
-  public:
-    address_slot(std::shared_ptr<address_counts> counts, std::string key)
-        : counts_(std::move(counts)), key_(std::move(key))
-    {
-        ++(*counts_)[key_];
-    }
-    ~address_slot()
-    {
-        const auto it = counts_->find(key_);
-        if (--it->second == 0)
-            counts_->erase(it);
-    }
-    address_slot(const address_slot &) = delete;
-    address_slot &operator=(const address_slot &) = delete;
-
-    std::uint32_t now() const
-    {
-        return counts_->at(key_);
-    }
-
-  private:
-    std::shared_ptr<address_counts> counts_;
-    std::string key_;
-};
-
-// Counts one in a gauge for as long as it lives.
-class gauge_slot
-{
-  public:
-    explicit gauge_slot(count &gauge) : gauge_(gauge)
-    {
-        gauge_++;
-    }
-    ~gauge_slot()
-    {
-        gauge_--;
-    }
-    gauge_slot(const gauge_slot &) = delete;
-    gauge_slot &operator=(const gauge_slot &) = delete;
-
-  private:
-    count &gauge_;
-};
-
-struct connection {
+struct connection : guest {
     connection(asio::ip::tcp::socket s, connection_id n)
-        : id(n), socket(std::move(s)), timer(socket.get_executor())
+        : guest(n), socket(std::move(s)), timer(socket.get_executor())
     {
     }
 
@@ -95,15 +42,9 @@ struct connection {
         socket.close(ignored);
     }
 
-    const connection_id id;
     asio::ip::tcp::socket socket;
-    asio::steady_timer timer;  // for the hello, then for a viewer's wait
-    asio::ip::address address; // the client's, also behind a proxy
-    std::optional<gauge_slot> open;
-    std::optional<address_slot> of_address;
-    bool has_hello = false, is_host = false;
-    bool is_late = false; // its hello is
-    std::string room, name;
+    asio::steady_timer timer;        // for its deadline
+    bool is_late = false;            // its hello is
     bool waits = false;              // for its partner; its watcher reads then
     std::vector<std::uint8_t> early; // what arrived after the hello while it waited
     std::weak_ptr<pair> paired;      // once it has met its partner

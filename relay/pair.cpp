@@ -32,9 +32,9 @@ pair::pair(connection_ptr host, connection_ptr viewer, const options &settings,
       // A tenth of a second's worth may pass at once.
       bandwidth_(settings.pair_bytes_per_second, settings.pair_bytes_per_second / 10,
                  now_seconds()),
-      to_host_{*viewer_, *host_, numbers.bytes_to_host,
+      to_host_{*viewer_, *host_, numbers.bytes_to_host, progress_.to_host,
                asio::steady_timer(host_->socket.get_executor())},
-      to_viewer_{*host_, *viewer_, numbers.bytes_to_viewer,
+      to_viewer_{*host_, *viewer_, numbers.bytes_to_viewer, progress_.to_viewer,
                  asio::steady_timer(host_->socket.get_executor())},
       timer_(host_->socket.get_executor())
 {
@@ -42,8 +42,7 @@ pair::pair(connection_ptr host, connection_ptr viewer, const options &settings,
 
 bool pair::is_failed_login() const
 {
-    // More bytes behind a wrong confirmation change nothing.
-    return !stalled_ && to_host_.bytes >= HANDSHAKE_BYTES && to_viewer_.bytes == HOST_KEY_BYTES;
+    return !stalled_ && progress_.is_failed_login();
 }
 
 void pair::start(std::function<void(pair &)> ended)
@@ -80,13 +79,13 @@ asio::awaitable<void> pair::watch_handshake(std::shared_ptr<pair>)
     co_await timer_.async_wait(into(error));
     if (error || closed_)
         co_return;
-    if (to_host_.bytes >= HANDSHAKE_BYTES && to_viewer_.bytes >= HANDSHAKE_BYTES)
+    if (progress_.is_past_handshake())
         co_return;
     stalled_ = true;
     numbers_.stalled_handshakes++;
     log(level::warning, host_->who() + " and " + viewer_->who() + ": closed, " +
-                            std::to_string(to_host_.bytes) + " and " +
-                            std::to_string(to_viewer_.bytes) +
+                            std::to_string(progress_.to_host) + " and " +
+                            std::to_string(progress_.to_viewer) +
                             " bytes of the handshake in time");
     close();
 }

@@ -25,11 +25,6 @@ double now_seconds();
 class pair : public std::enable_shared_from_this<pair>
 {
   public:
-    // Bytes of the handshake in each direction. With a wrong password the viewer has sent them
-    // all, key and confirmation, and the host its key alone.
-    static constexpr std::uint64_t HANDSHAKE_BYTES = 48;
-    static constexpr std::uint64_t HOST_KEY_BYTES = 32;
-
     // total is the bandwidth of all pairs and outlives this one, as do settings and numbers.
     pair(connection_ptr host, connection_ptr viewer, const options &settings, counters &numbers,
          token_bucket &total);
@@ -48,13 +43,9 @@ class pair : public std::enable_shared_from_this<pair>
     {
         return *viewer_;
     }
-    std::uint64_t bytes_to_host() const
+    const pair_progress &progress() const
     {
-        return to_host_.bytes;
-    }
-    std::uint64_t bytes_to_viewer() const
-    {
-        return to_viewer_.bytes;
+        return progress_;
     }
     // Whether it went, up to its end, as it does with a wrong password.
     bool is_failed_login() const;
@@ -63,8 +54,8 @@ class pair : public std::enable_shared_from_this<pair>
     struct direction {
         connection &from, &to;
         count &total;
+        std::uint64_t &bytes; // in progress_
         asio::steady_timer pause;
-        std::uint64_t bytes = 0; // written
         bool done = false;
     };
 
@@ -77,6 +68,7 @@ class pair : public std::enable_shared_from_this<pair>
     counters &numbers_;
     token_bucket &total_bandwidth_;
     token_bucket bandwidth_;
+    pair_progress progress_;
     direction to_host_, to_viewer_;
     asio::steady_timer timer_; // the handshake's, then that of a half-closed pair
     bool closed_ = false, stalled_ = false;

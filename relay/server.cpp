@@ -35,9 +35,7 @@ static std::chrono::nanoseconds seconds(double s)
 
 server::server(asio::io_context &io, const options &settings, counters &numbers)
     : io_(io), settings_(settings), numbers_(numbers), acceptor_(io), drain_timer_(io),
-      rooms_({.rooms = settings.rooms, .viewers_per_room = settings.viewers_per_room}),
-      accepts_(settings.accepts_per_address, settings.accept_burst),
-      room_logins_(settings.logins_per_room), address_logins_(settings.logins_per_address),
+      lobby_(settings, numbers),
       bandwidth_(settings.total_bytes_per_second, settings.total_bytes_per_second / 10,
                  now_seconds()),
       refusal_lines_(REFUSAL_LINES_PER_SECOND, REFUSAL_LINES_BURST, now_seconds())
@@ -130,40 +128,12 @@ void server::refuse(connection &c, refusal why, const std::string &detail)
         c.who() + ": refused, " + describe(why).text + (detail.empty() ? "" : ": " + detail));
 }
 
-refusal server::admit_address(connection &c)
-{
-    const std::string key = limit_key(c.address);
-    if (!accepts_.try_take(key, now_seconds()))
-        return refusal::accept_rate;
-    c.of_address.emplace(per_address_, key);
-    if (c.of_address->now() > settings_.connections_per_address)
-        return refusal::connections_of_address;
-    return refusal::none;
-}
-
-// What the hello decides, before anybody else is looked at.
-refusal server::admit_hello(const connection &c)
-{
-    const auto &allowed = c.is_host ? settings_.hosts : settings_.viewers;
-    if (!allowed.empty() && !contains(allowed, c.address))
-        return refusal::address_not_allowed;
-    if (settings_.allowed_ids && !settings_.allowed_ids->contains(c.room))
-        return refusal::id_not_allowed;
-    const double now = now_seconds();
-    if (!c.is_host && (room_logins_.is_closed(c.room, now) ||
-                       address_logins_.is_closed(limit_key(c.address), now)))
-        return refusal::back_off;
-    if (draining_)
-        return refusal::draining;
-    return refusal::none;
-}
-
 // A connection ended, or its time did, n bytes into what it had to say first. One that said
 // nothing only looked whether somebody listens.
 void server::refuse_unfinished(connection &c, std::size_t n, refusal unfinished)
 {
     if (c.is_late)
-        refuse(c, refusal::hello_late, std::to_string(n) + " bytes");
+        refuse(c, lobby::times_out(c), std::to_string(n) + " bytes");
     else if (n > 0)
         refuse(c, unfinished, "ends after " + std::to_string(n) + " bytes");
     c.close();
@@ -207,16 +177,15 @@ asio::awaitable<void> server::serve(connection_ptr c)
     if (error)
         co_return; // gone already
     c->address = plain_address(peer.address());
-    c->open.emplace(numbers_.connections);
-    if (numbers_.connections > settings_.connections) {
-        refuse(*c, refusal::connections);
+    if (const refusal why = lobby_.opens(*c, now_seconds()); why != refusal::none) {
+        refuse(*c, why);
         co_return;
     }
     set_socket_options(c->socket);
     c->socket.non_blocking(true); // for the watcher, which reads what is there
 
     // One time for all that comes before a room.
-    c->timer.expires_after(seconds(settings_.hello_seconds));
+    c->timer.expires_after(seconds(*c->deadline - now_seconds()));
     c->timer.async_wait([c](asio::error_code cancelled) {
         if (cancelled || c->has_hello)
             return;
@@ -225,7 +194,7 @@ asio::awaitable<void> server::serve(connection_ptr c)
     });
     if (contains(settings_.trusted_proxies, c->address) && !co_await read_proxy_header(c))
         co_return;
-    if (const refusal why = admit_address(*c); why != refusal::none) {
+    if (const refusal why = lobby_.arrives(*c, now_seconds()); why != refusal::none) {
         refuse(*c, why);
         co_return;
     }
@@ -237,16 +206,11 @@ asio::awaitable<void> server::serve(connection_ptr c)
         co_return;
     }
     const char *detail = "";
-    const auto said = parse_hello(bytes, &detail);
-    if (!said) {
-        refuse(*c, refusal::bad_hello, detail);
+    if (const refusal why = lobby_.greets(*c, bytes, &detail); why != refusal::none) {
+        refuse(*c, why, detail);
         co_return;
     }
-    c->has_hello = true;
     c->timer.cancel();
-    c->is_host = said->is_host;
-    c->room = said->room;
-    c->name = said->name;
     enter(c);
 }
 
@@ -255,18 +219,11 @@ asio::awaitable<void> server::serve(connection_ptr c)
 
 void server::enter(connection_ptr c)
 {
-    refusal why = admit_hello(*c);
-    outcome o;
-    if (why == refusal::none) {
-        o = c->is_host ? rooms_.host_arrives(c->id, c->room, c->name, c->address)
-                       : rooms_.viewer_arrives(c->id, c->room);
-        why = o.refused;
-    }
-    if (why != refusal::none) {
-        refuse(*c, why, "room '" + printable(c->room) + "'");
+    const outcome o = lobby_.enters(*c, now_seconds());
+    if (o.refused != refusal::none) {
+        refuse(*c, o.refused, "room '" + printable(c->room) + "'");
         return;
     }
-    (c->is_host ? numbers_.hosts : numbers_.viewers)++;
     log(level::info, c->who() + ": room '" + printable(c->room) + "', name '" +
                          printable(c->name) + (o.in_line ? "', waits in line" : "'"));
     in_rooms_[c->id] = c;
@@ -275,12 +232,12 @@ void server::enter(connection_ptr c)
     if (!c->waits)
         return; // its partner was there
     asio::co_spawn(io_, watch(c), end_on_failure(c));
-    if (!c->is_host) {
-        c->timer.expires_after(seconds(settings_.viewer_wait_seconds));
+    if (c->deadline) {
+        c->timer.expires_after(seconds(*c->deadline - now_seconds()));
         c->timer.async_wait([this, c](asio::error_code cancelled) {
             if (cancelled || !c->waits)
                 return;
-            refuse(*c, refusal::no_host_came, "room '" + printable(c->room) + "'");
+            refuse(*c, lobby::times_out(*c), "room '" + printable(c->room) + "'");
             leave(c);
         });
     }
@@ -322,7 +279,7 @@ void server::leave(connection_ptr c)
     c->waits = false;
     c->close();
     in_rooms_.erase(c->id);
-    apply(rooms_.ends(c->id));
+    apply(lobby_.ends(c->id));
 }
 
 void server::apply(const outcome &o)
@@ -343,9 +300,6 @@ void server::apply(const outcome &o)
                                 printable(in_rooms_.at(o.promoted)->room) + "' is its own");
     if (o.pair)
         make_pair(in_rooms_.at(o.pair->host), in_rooms_.extract(o.pair->viewer).mapped());
-    numbers_.rooms = rooms_.rooms();
-    numbers_.waiting_hosts = rooms_.waiting_hosts();
-    numbers_.waiting_viewers = rooms_.waiting_viewers();
 }
 
 // ---------------------------------------------------------------------------------------
@@ -370,32 +324,28 @@ void server::make_pair(connection_ptr host, connection_ptr viewer)
 void server::pair_ended(pair &p)
 {
     log(level::info, p.host().who() + " and " + p.viewer().who() + ": ended after " +
-                         std::to_string(p.bytes_to_host()) + " bytes to the host and " +
-                         std::to_string(p.bytes_to_viewer()) + " to the viewer");
+                         std::to_string(p.progress().to_host) + " bytes to the host and " +
+                         std::to_string(p.progress().to_viewer) + " to the viewer");
     if (p.is_failed_login())
         count_login(p);
     const connection_id host = p.host().id;
     pairs_.erase(p.shared_from_this());
     numbers_.pairs = pairs_.size();
     in_rooms_.erase(host);
-    apply(rooms_.ends(host));
+    apply(lobby_.ends(host));
     if (draining_ && pairs_.empty())
         end_drain();
 }
 
 void server::count_login(pair &p)
 {
-    numbers_.failed_logins++;
-    const double now = now_seconds();
-    const std::string room = p.viewer().room, address = limit_key(p.viewer().address);
+    const lobby::closure closed = lobby_.fails_login(p.viewer(), now_seconds());
     std::string text =
-        p.viewer().who() + ": failed to log in to room '" + printable(room) + "'";
-    const double room_closed = room_logins_.failed(room, now);
-    const double address_closed = address_logins_.failed(address, now);
-    if (room_closed > 0)
-        text += ", which takes no viewer for " + std::to_string((int)room_closed) + " s";
-    if (address_closed > 0)
-        text += ", takes nobody from there for " + std::to_string((int)address_closed) + " s";
+        p.viewer().who() + ": failed to log in to room '" + printable(p.viewer().room) + "'";
+    if (closed.room > 0)
+        text += ", which takes no viewer for " + std::to_string((int)closed.room) + " s";
+    if (closed.address > 0)
+        text += ", takes nobody from there for " + std::to_string((int)closed.address) + " s";
     log(level::warning, text);
 }
 
@@ -405,6 +355,7 @@ void server::count_login(pair &p)
 void server::drain(std::function<void()> done)
 {
     draining_ = true;
+    lobby_.drain();
     drained_ = std::move(done);
     log(level::warning, "ending: " + std::to_string(pairs_.size()) + " pairs left");
     acceptor_.close();

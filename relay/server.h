@@ -7,9 +7,9 @@
 #include "relay/connection.h"
 #include "relay/counters.h"
 #include "relay/limits.h"
+#include "relay/lobby.h"
 #include "relay/options.h"
 #include "relay/pair.h"
-#include "relay/room_table.h"
 
 #include <asio/awaitable.hpp>
 #include <asio/io_context.hpp>
@@ -47,8 +47,6 @@ class server
     asio::awaitable<bool> read_proxy_header(connection_ptr c);
     asio::awaitable<void> watch(connection_ptr c);
 
-    refusal admit_address(connection &c);
-    refusal admit_hello(const connection &c);
     void enter(connection_ptr c);
     void leave(connection_ptr c);
     void apply(const outcome &o);
@@ -68,14 +66,11 @@ class server
     bool draining_ = false;
     std::function<void()> drained_;
 
-    room_table rooms_;
-    std::unordered_map<connection_id, connection_ptr> in_rooms_; // all that the table knows
+    lobby lobby_;
+    std::unordered_map<connection_id, connection_ptr> in_rooms_; // all that entered
     std::unordered_set<std::shared_ptr<pair>> pairs_;
     connection_id last_id_ = 0;
 
-    const std::shared_ptr<address_counts> per_address_ = std::make_shared<address_counts>();
-    keyed_buckets accepts_;
-    login_guard room_logins_, address_logins_;
     token_bucket bandwidth_, refusal_lines_;
     std::uint64_t unlogged_refusals_ = 0;
 };
