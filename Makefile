@@ -1,11 +1,12 @@
 # Front door. CMake builds (CMakePresets.json); this file only has the handy names.
 
-.PHONY: help setup windows relay test fuzz soak mutate bench demo
+.PHONY: help setup windows package relay test fuzz soak mutate bench demo
 help:
 	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up;"
 	@echo "               RELAY=1: through a relay)"
 	@echo "make windows   build/windows/: qv.exe, and qv_client.exe and qv_host.exe for the command"
 	@echo "               line"
+	@echo "make package   build/package/: an installer and a zip file of them (docs/packaging.md)"
 	@echo "make relay     build/relay/qv_relay, where hosts and viewers meet (docs/relay.md)"
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
@@ -22,6 +23,9 @@ windows: setup
 	cmake --preset mingw-release
 	cmake --build --preset mingw-release --parallel 2 --target qv_program qv_client_program qv_host_program
 	tools/check_imports build/windows/qv.exe build/windows/qv_client.exe build/windows/qv_host.exe
+
+package: windows
+	@tools/package
 
 relay: setup
 	cmake --preset linux-release

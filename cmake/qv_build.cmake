@@ -96,6 +96,9 @@ function(qv_program name)
   target_compile_options(${target} PRIVATE
     $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions -fno-rtti>)
   target_link_libraries(${target} PRIVATE ${ARG_LIBRARIES})
+  # What was really linked in, for the bill of materials (tools/package).
+  file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/maps)
+  target_link_options(${target} PRIVATE -Wl,-Map=${CMAKE_BINARY_DIR}/maps/${name}.map)
   if(ARG_GUI)
     set_target_properties(${target} PROPERTIES WIN32_EXECUTABLE ON)
   endif()
