@@ -10,4 +10,9 @@
 // tiles with one hash.
 uint64_t tile_hash(const uint8_t tile[TILE_BYTES]);
 
+// The hashes of several tiles inside one picture, whose rows lie `pitch` bytes apart. Tiles are
+// hashed in fours, which takes less than half the time of one after the other.
+void tile_hash_batch(const uint8_t *const tiles[], int32_t count, uint64_t pitch,
+                     uint64_t hashes[]);
+
 #endif
