@@ -63,18 +63,25 @@ template <class function> static auto fine_stage(stage which, function call)
         return kind(which, [&] { return __real_##symbol arguments; });                         \
     }
 
-// host::tile_equal, tile_gather, tile_scatter, tile_xor
+// Older trees, which tools/bench also builds with this file, have none of these.
+#pragma weak __real__ZN4host9tile_copyEPhPKhm
+#pragma weak __real__ZN4host15tile_differenceEPhPKhS2_m
+#pragma weak __real__Z15tile_hash_batchPKPKhimPm
+
+// host::tile_equal, tile_gather, tile_copy, tile_difference
 WRAP(bool, _ZN4host10tile_equalEPKhS1_m, fine_stage, STAGE_COMPARE,
      (const uint8_t *a, const uint8_t *b, uint64_t pitch), (a, b, pitch))
 WRAP(void, _ZN4host11tile_gatherEPhPKhm, fine_stage, STAGE_COPY,
      (uint8_t * tile, const uint8_t *src, uint64_t pitch), (tile, src, pitch))
-WRAP(void, _ZN4host12tile_scatterEPhmPKh, fine_stage, STAGE_COPY,
-     (uint8_t * dst, uint64_t pitch, const uint8_t *tile), (dst, pitch, tile))
-WRAP(void, _ZN4host8tile_xorEPhPKhS2_m, fine_stage, STAGE_XOR,
-     (uint8_t * delta, const uint8_t *tile, const uint8_t *base, uint64_t pitch),
-     (delta, tile, base, pitch))
-// tile_hash, lz4_compress_block, lz4_decompress_block
-WRAP(uint64_t, _Z9tile_hashPKh, fine_stage, STAGE_HASH, (const uint8_t *tile), (tile))
+WRAP(void, _ZN4host9tile_copyEPhPKhm, fine_stage, STAGE_COPY,
+     (uint8_t * dst, const uint8_t *src, uint64_t pitch), (dst, src, pitch))
+WRAP(void, _ZN4host15tile_differenceEPhPKhS2_m, fine_stage, STAGE_XOR,
+     (uint8_t * delta, const uint8_t *a, const uint8_t *b, uint64_t pitch),
+     (delta, a, b, pitch))
+// tile_hash_batch, lz4_compress_block, lz4_decompress_block
+WRAP(void, _Z15tile_hash_batchPKPKhimPm, fine_stage, STAGE_HASH,
+     (const uint8_t *const tiles[], int32_t count, uint64_t pitch, uint64_t hashes[]),
+     (tiles, count, pitch, hashes))
 WRAP(int32_t, _Z18lz4_compress_blockPKhiPhi, fine_stage, STAGE_COMPRESS,
      (const uint8_t *src, int32_t src_len, uint8_t *dst, int32_t dst_cap),
      (src, src_len, dst, dst_cap))

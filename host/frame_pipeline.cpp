@@ -58,8 +58,8 @@ static struct {
     cursor_state cursor_sent; // kept across sessions
 } pipeline;
 
-// One tile at work; static because 32 KiB are much for a stack. Host server thread only.
-alignas(64) static uint8_t tile_pixels[TILE_BYTES];
+// The difference of one tile; static because 16 KiB are much for a stack. Host server thread
+// only.
 alignas(64) static uint8_t tile_delta[TILE_BYTES];
 
 constexpr uint64_t TILE_MESSAGE_HEAD = MESSAGE_HEADER_BYTES + TILE_HEAD_BYTES;
@@ -153,18 +153,18 @@ static void apply_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
 // ---------------------------------------------------------------------------------------
 // Tiles
 
-// Whether the frame can take one more tile, however badly it compresses, and what follows
-// the tiles, and still fit a record.
-static bool frame_has_room()
+// Whether the frame can take the tiles that wait and one more, however badly they compress,
+// and what follows the tiles, and still fit a record.
+static bool frame_has_room(int32_t waiting)
 {
-    constexpr uint64_t NEEDED =
-        TILE_MESSAGE_HEAD + TILE_BYTES + CURSOR_MESSAGE + FRAME_END_MESSAGE;
-    return out_used() + NEEDED <= RECORD_MAX;
+    constexpr uint64_t EACH = TILE_MESSAGE_HEAD + TILE_BYTES;
+    constexpr uint64_t NEEDED = EACH + CURSOR_MESSAGE + FRAME_END_MESSAGE;
+    return out_used() + (uint64_t)waiting * EACH + NEEDED <= RECORD_MAX;
 }
 
 // Appends a tile as MSG_TILE: as its difference from base when there is one and it
-// compresses, else as its pixels.
-static void append_tile(tile_head head, const uint8_t pixels[TILE_BYTES], const uint8_t *base,
+// compresses, else as its pixels. Pixels and base are pitched.
+static void append_tile(tile_head head, const uint8_t *pixels, const uint8_t *base,
                         uint64_t pitch)
 {
     constexpr int32_t ROOM = lz4_bound(TILE_BYTES);
@@ -174,12 +174,12 @@ static void append_tile(tile_head head, const uint8_t pixels[TILE_BYTES], const 
     uint8_t *data = message + TILE_MESSAGE_HEAD;
     int32_t length = 0;
     if (base) {
-        tile_xor(tile_delta, pixels, base, pitch);
+        tile_difference(tile_delta, pixels, base, pitch);
         length = lz4_compress_block(tile_delta, TILE_BYTES, data, ROOM);
     }
     head.raw = length <= 0 || length >= TILE_BYTES;
     if (head.raw) {
-        memcpy(data, pixels, TILE_BYTES);
+        tile_gather(data, pixels, pitch);
         length = TILE_BYTES;
     }
     put_header(message, MSG_TILE, TILE_HEAD_BYTES + (uint32_t)length);
@@ -187,9 +187,19 @@ static void append_tile(tile_head head, const uint8_t pixels[TILE_BYTES], const 
     out_commit(TILE_MESSAGE_HEAD + (uint64_t)length);
 }
 
+// Tiles that are hashed together.
+constexpr int32_t BATCH_TILES = 4;
+
 struct frame_tiles {
-    int32_t handled; // references included
+    int32_t handled; // references included, and those that wait
     int32_t refs;
+
+    // Tiles that have to go out and wait for enough others to be hashed with them. They leave
+    // in the order in which the walk came by, ahead of everything that comes later.
+    int32_t waiting;
+    struct {
+        int32_t tx, ty;
+    } wait[BATCH_TILES];
 };
 
 static bool tile_on_screen(int32_t tx, int32_t ty)
@@ -224,24 +234,16 @@ static bool tile_changed(const tile_base &base, const uint8_t *now, const uint8_
     return base.base_state == BASE_LOST && !tile_is_zero(now, pitch);
 }
 
-// Examines one dirty tile of the screen and sends it if it has to go out.
-static void send_tile(int32_t tx, int32_t ty, uint32_t confirmed_seq, frame_tiles *sent)
-    REQUIRES(host_lock)
+// Sends a changed tile.
+static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_seq,
+                      frame_tiles *sent) REQUIRES(host_lock)
 {
-    *dirty_at(tx, ty) = 0;
     tile_base *base = base_at(tx, ty);
     uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
     uint64_t offset = tile_offset(screen.padded_width, tx, ty);
     const uint8_t *now = screen.frame_buffer + offset;
     uint8_t *before = screen.prev_frame + offset;
-    if (!tile_changed(*base, now, before, pitch))
-        return;
-
-    tile_gather(tile_pixels, now, pitch);
-    tile_head head = {.tile_x = (uint16_t)tx,
-                      .tile_y = (uint16_t)ty,
-                      .raw = 0,
-                      .hash = tile_hash(tile_pixels)};
+    tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 0, .hash = hash};
     bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
     if (cached && cache_mirror_find(head.hash)) {
         uint8_t ref[TILE_REF_BYTES];
@@ -252,23 +254,54 @@ static void send_tile(int32_t tx, int32_t ty, uint32_t confirmed_seq, frame_tile
         sent->refs++;
     } else {
         bool uncertain = tile_base_uncertain(*base, confirmed_seq);
-        append_tile(head, tile_pixels, uncertain ? nullptr : before, pitch);
+        append_tile(head, now, uncertain ? nullptr : before, pitch);
         tile_base_sent(base);
         if (cached)
             cache_mirror_insert(head.hash); // the viewer stores every tile it receives
     }
-    tile_scatter(before, pitch, tile_pixels);
+    tile_copy(before, now, pitch);
+}
+
+// Sends the tiles that wait.
+static void send_waiting(uint32_t confirmed_seq, frame_tiles *sent) REQUIRES(host_lock)
+{
+    const uint8_t *pixels[BATCH_TILES];
+    uint64_t hashes[BATCH_TILES];
+    for (int32_t i = 0; i < sent->waiting; i++)
+        pixels[i] = screen.frame_buffer +
+                    tile_offset(screen.padded_width, sent->wait[i].tx, sent->wait[i].ty);
+    tile_hash_batch(pixels, sent->waiting, (uint64_t)screen.padded_width * PIXEL_BYTES, hashes);
+    for (int32_t i = 0; i < sent->waiting; i++)
+        send_tile(sent->wait[i].tx, sent->wait[i].ty, hashes[i], confirmed_seq, sent);
+    sent->waiting = 0;
+}
+
+// Examines one dirty tile of the screen. If it has to go out it waits, and goes with others.
+static void examine_tile(int32_t tx, int32_t ty, uint32_t confirmed_seq, frame_tiles *sent)
+    REQUIRES(host_lock)
+{
+    *dirty_at(tx, ty) = 0;
+    tile_base *base = base_at(tx, ty);
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    uint64_t offset = tile_offset(screen.padded_width, tx, ty);
+    const uint8_t *now = screen.frame_buffer + offset;
+    const uint8_t *before = screen.prev_frame + offset;
+    if (!tile_changed(*base, now, before, pitch))
+        return;
+    sent->wait[sent->waiting++] = {tx, ty};
     sent->handled++;
+    if (sent->waiting == BATCH_TILES)
+        send_waiting(confirmed_seq, sent);
 }
 
 // Blanks a tile of the viewer's picture that a smaller screen has left behind. Hash 0: it
 // is not worth a place in the cache.
 static void send_outside_tile(int32_t tx, int32_t ty, int32_t columns, frame_tiles *sent)
 {
+    static const uint8_t zeros[TILE_BYTES] = {};
     screen.outside_map[(int64_t)ty * columns + tx] = 0;
-    memset(tile_pixels, 0, sizeof tile_pixels);
     tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 1, .hash = 0};
-    append_tile(head, tile_pixels, nullptr, 0);
+    append_tile(head, zeros, nullptr, TILE_ROW_BYTES);
     sent->handled++;
 }
 
@@ -292,13 +325,16 @@ static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(h
     pipeline.walk_ty = 0;
     for (int64_t left = (int64_t)columns * rows; left > 0; left--) {
         if (tile_is_due(tx, ty, columns)) {
-            if (sent.handled >= budget || !frame_has_room()) {
+            // How much room those that wait leave shows when they are out.
+            if (!frame_has_room(sent.waiting) || !tile_on_screen(tx, ty))
+                send_waiting(confirmed_seq, &sent);
+            if (sent.handled >= budget || !frame_has_room(0)) {
                 pipeline.walk_tx = tx;
                 pipeline.walk_ty = ty;
                 break;
             }
             if (tile_on_screen(tx, ty))
-                send_tile(tx, ty, confirmed_seq, &sent);
+                examine_tile(tx, ty, confirmed_seq, &sent);
             else
                 send_outside_tile(tx, ty, columns, &sent);
         }
@@ -308,6 +344,7 @@ static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(h
                 ty = 0;
         }
     }
+    send_waiting(confirmed_seq, &sent);
     return sent;
 }
 

@@ -18,13 +18,15 @@ bool tile_equal(const uint8_t *a, const uint8_t *b, uint64_t pitch);
 // True when every byte of a pitched tile is zero.
 bool tile_is_zero(const uint8_t *tile, uint64_t pitch);
 
-// Copies a pitched tile into one piece, and back.
+// Copies a pitched tile into one piece.
 void tile_gather(uint8_t tile[TILE_BYTES], const uint8_t *src, uint64_t pitch);
-void tile_scatter(uint8_t *dst, uint64_t pitch, const uint8_t tile[TILE_BYTES]);
 
-// delta = tile XOR base, byte by byte; base is pitched. The three do not overlap.
-void tile_xor(uint8_t delta[TILE_BYTES], const uint8_t tile[TILE_BYTES], const uint8_t *base,
-              uint64_t pitch);
+// Copies a pitched tile into another picture. The two do not overlap.
+void tile_copy(uint8_t *dst, const uint8_t *src, uint64_t pitch);
+
+// delta = a XOR b, byte by byte; a and b are pitched. The three do not overlap.
+void tile_difference(uint8_t delta[TILE_BYTES], const uint8_t *a, const uint8_t *b,
+                     uint64_t pitch);
 
 } // namespace host
 
