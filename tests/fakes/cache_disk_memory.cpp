@@ -82,7 +82,7 @@ disk_file disk_create(const char *path)
     for (const std::string &name : open_names)
         if (name == path)
             return DISK_INVALID;
-    disk_memory.files[path].clear();
+    disk_memory.files[path] = {};
     disk_memory.created++;
     return open_as(path);
 }
@@ -92,10 +92,10 @@ bool disk_read(disk_file file, uint64_t offset, void *data, size_t n)
     if (!allowed("read", offset, n))
         return false;
     std::lock_guard<std::mutex> hold(mutex);
-    const std::vector<uint8_t> &content = disk_memory.files[open_names[file]];
+    const sparse_bytes &content = disk_memory.files[open_names[file]];
     if (offset > content.size() || n > content.size() - offset)
         return false;
-    memcpy(data, content.data() + offset, n);
+    content.read(offset, data, n);
     return true;
 }
 
@@ -104,10 +104,7 @@ bool disk_write(disk_file file, uint64_t offset, const void *data, size_t n)
     if (!allowed("write", offset, n))
         return false;
     std::lock_guard<std::mutex> hold(mutex);
-    std::vector<uint8_t> &content = disk_memory.files[open_names[file]];
-    if (content.size() < offset + n)
-        content.resize(offset + n);
-    memcpy(content.data() + offset, data, n);
+    disk_memory.files[open_names[file]].write(offset, data, n);
     return true;
 }
 

@@ -3,12 +3,13 @@
 #ifndef QV_TESTS_FAKES_CACHE_DISK_MEMORY_H
 #define QV_TESTS_FAKES_CACHE_DISK_MEMORY_H
 
+#include "tests/fakes/sparse_bytes.h"
+
 #include <atomic>
 #include <functional>
 #include <map>
 #include <stdint.h>
 #include <string>
-#include <vector>
 
 constexpr const char *DISK_MEMORY_PATH = "memory\\qv\\tiles.bin";
 constexpr const char *DISK_MEMORY_TEMPORARY = "memory\\qv\\tiles.bin.tmp";
@@ -21,7 +22,7 @@ struct disk_memory_call {
 };
 
 struct disk_memory_record {
-    std::map<std::string, std::vector<uint8_t>> files;
+    std::map<std::string, sparse_bytes> files;
     bool no_folder;
     bool read_only; // at first: nothing can be created
     // Called before each call; false lets it fail. May change what it likes.

@@ -908,13 +908,14 @@ TEST_CASE("a cache that was kept is told before anything else and serves the ses
 {
     // Slots 14 and 15 are set 7: what leaves 7 when divided by 4096.
     disk_memory_reset();
-    bytes file(134283280);
+    sparse_bytes &file = disk_memory.files[DISK_MEMORY_PATH];
+    file.resize(134283280);
     const uint8_t header[16] = {0x31, 0x43, 0x56, 0x51, 0, 0x20, 0, 0, 0, 0x40};
-    memcpy(&file[0], header, 16);
-    store_le64(&file[16 + 14 * 8], 4096 + 7);
-    store_le64(&file[16 + 15 * 8], 8192 + 7);
-    memset(&file[65552 + 15 * 16384], 0x77, 16384);
-    disk_memory.files[DISK_MEMORY_PATH] = file;
+    file.write(0, header, 16);
+    const uint8_t keys[16] = {7, 0x10, 0, 0, 0, 0, 0, 0,  // 4096 + 7
+                              7, 0x20, 0, 0, 0, 0, 0, 0}; // 8192 + 7
+    file.write(16 + 14 * 8, keys, 16);
+    file.write(65552 + 15 * 16384, bytes(16384, 0x77).data(), 16384);
 
     bytes ref(TILE_REF_BYTES);
     put_tile_ref(ref.data(), {0, 0, 8192 + 7});
@@ -977,10 +978,10 @@ TEST_CASE("what a session brought is in the file when its window has gone")
         h.recv(16);
     }));
     CHECK(o.result == 0);
-    const bytes &file = disk_memory.files[DISK_MEMORY_PATH];
+    const sparse_bytes &file = disk_memory.files[DISK_MEMORY_PATH];
     REQUIRE(file.size() == 134283280);
-    CHECK(load_le64(&file[16 + 198 * 8]) == 99);
-    CHECK(bytes(&file[65552 + 198 * 16384], &file[65552 + 199 * 16384]) == bytes(16384, 0x5A));
+    CHECK(file.part(16 + 198 * 8, 8) == bytes{99, 0, 0, 0, 0, 0, 0, 0});
+    CHECK(file.part(65552 + 198 * 16384, 16384) == bytes(16384, 0x5A));
     CHECK(disk_memory.files.count(DISK_MEMORY_TEMPORARY) == 0);
     disk_memory_reset(true);
 }

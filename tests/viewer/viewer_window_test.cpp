@@ -447,8 +447,8 @@ static void store_tile(uint64_t hash)
 // The hash that the file has in way a of its set, 0 when there is no file.
 static uint64_t saved_hash(uint64_t hash)
 {
-    const std::vector<uint8_t> &file = disk_memory.files[DISK_MEMORY_PATH];
-    return file.empty() ? 0 : load_le64(&file[16 + hash % 4096 * 2 * 8]);
+    return load_le64(
+        disk_memory.files[DISK_MEMORY_PATH].part(16 + hash % 4096 * 2 * 8, 8).data());
 }
 
 TEST_CASE("the cache is saved by timer 2, and when the window is destroyed")
