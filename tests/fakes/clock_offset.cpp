@@ -7,17 +7,32 @@
 #include <thread>
 
 static std::atomic<uint32_t> offset;
+static std::atomic<bool> held;
+static std::atomic<uint32_t> held_at;
+
+static uint32_t running()
+{
+    auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return (uint32_t)std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
 
 void clock_put_forward(uint32_t ms)
 {
     offset += ms;
 }
 
+void clock_hold(bool hold)
+{
+    if (hold)
+        held_at = running();
+    else
+        offset += held_at - running(); // it goes on from where it stood
+    held = hold;
+}
+
 uint32_t clock_ms()
 {
-    auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return (uint32_t)std::chrono::duration_cast<std::chrono::milliseconds>(now).count() +
-           offset;
+    return (held ? held_at.load() : running()) + offset;
 }
 
 uint64_t clock_us()

@@ -7,4 +7,7 @@
 
 void clock_put_forward(uint32_t ms);
 
+// Stops the clock, but for what it is put forward; and lets it go on.
+void clock_hold(bool hold);
+
 #endif

@@ -518,6 +518,46 @@ TEST_CASE("the first frame waits 100 ms and the shorter round trip of the handsh
     }
 }
 
+TEST_CASE("of two round trips the shorter one counts, whichever it is")
+{
+    // The clock stands, and passes only while the host waits for a confirmation, or for the
+    // hello. (It may come to look at the clock too late to see the second wait; then that is
+    // the shorter one as before.)
+    for (bool first_is_long : {true, false}) {
+        CAPTURE(first_is_long);
+        start_direct();
+        desktop_paint(0x33);
+        clock_hold(true);
+        if (first_is_long)
+            identity_script_on_password([] { clock_put_forward(800); });
+        {
+            test_viewer v;
+            uint32_t frames = host::frame_seq;
+            v.sock = connect_host();
+            REQUIRE(v.log_in("secret"));
+            if (!first_is_long) {
+                pass(100);
+                clock_put_forward(800);
+            }
+            v.send_hello();
+            v.receive_hello();
+            auto captures_again = [] {
+                int before = desktop_captures();
+                return wait_until([=] { return desktop_captures() > before + 2; });
+            };
+            // From here on, or from a moment later: 100 ms.
+            clock_put_forward(99);
+            CHECK(captures_again());
+            CHECK(host::frame_seq == frames);
+            clock_put_forward(100);
+            CHECK(wait_until([&] { return host::frame_seq != frames; }));
+        }
+        clock_hold(false);
+        identity_script_on_password(nullptr);
+        stop_direct();
+    }
+}
+
 // ---------------------------------------------------------------------------------------
 // Handshake and hello
 
