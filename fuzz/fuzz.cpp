@@ -5,8 +5,8 @@
 
 // Large allocations fail, as they do where memory is short: bytes from outside name sizes
 // up to gigabytes, and both ways out are to be seen. Freed memory is kept from reuse, but
-// not so much of it that the machine feels it.
-extern "C" const char *__asan_default_options()
+// not so much of it that the machine feels it. A target with other needs has its own.
+extern "C" __attribute__((weak)) const char *__asan_default_options()
 {
     static_assert(FUZZ_ALLOCATION_MAX == 64u << 20);
     return "allocator_may_return_null=1:max_allocation_size_mb=64:quarantine_size_mb=16:"
