@@ -13,8 +13,10 @@
 // desktop rests too, the viewer shows the desktop, in all four bytes. Two exceptions are made
 // on purpose and known tile by tile: a tile that was missed and is black now, and a tile under
 // a console that is shown as text, of which the viewer has every cell. No tile waits for ever
-// behind others that change all the time. And a session ends when its connection does, not
-// before.
+// behind others that change all the time. The first walk waits for the viewer's advertisement,
+// but not too long. A cache that comes back from its file is the one that went into it, or
+// empty, whatever became of disk, file and process meanwhile. And a session ends when its
+// connection does, not before.
 //
 // The sessions of `make test` are always the same ones, so what they did can be asserted. In
 // the environment:
@@ -37,6 +39,7 @@
 #include "host/tile_hash.h"
 #include "host/tile_ops.h"
 #include "protocol/handshake.h"
+#include "tests/fakes/cache_disk_memory.h"
 #include "tests/fakes/console_script.h"
 #include "tests/fakes/identity_script.h"
 #include "tests/fakes/input_record.h"
@@ -86,8 +89,11 @@ static std::map<std::string, uint64_t> happened; // over all sessions
 
 static uint32_t pointer; // where it is, in one number
 
+static void note_walked();
+
 host::cursor_state host::cursor_read()
 {
+    note_walked();
     if (stepped_hook.stops(AT_SEAM))
         stepped_stop(AT_SEAM); // between walk and frame end
     return {.x = (int32_t)pointer, .y = 0, .visible = 1};
@@ -112,6 +118,16 @@ static struct {
     bool wants_cache;                    // and says so
     bool wants_text;                     // likewise of consoles
     bool advertises;                     // what it holds, and some that it does not
+    bool filed;                          // its cache is kept in a file,
+    stepped_thread *saver;               // saves it while the session goes on
+    uint32_t saves_before;               // of the session
+    uint32_t disk_calls;                 // since the last reading began
+    uint32_t disk_fails_at;              // one of them; 0: none
+    uint32_t killed_at;                  // likewise: what is on the disk then is what stays
+    bool hashes_next;                    // the viewer sent an advertisement's header
+    bool walked;                         // the session's first walk is over
+    uint32_t advertised, adverts_taken;  // advertisements sent, and entered
+    uint32_t first_adverts;              // sent before anything else
     bool watching;                       // its hello was answered
     bool refused;                        // with a screen that is none
     int32_t acks_to_lose;                // before they are sent
@@ -123,8 +139,10 @@ static struct {
     size_t parsed;                       // bytes of the outgoing buffer that were looked at
     int32_t moves_captured;              // when the server took the lock,
     int32_t width_before, height_before; // likewise the screen's size
+    text_layer_head text;                // as last sent
     std::deque<int64_t> lock_takers;     // messages for which the control thread will take the
-                                         // lock: tile of a miss, or -1
+                                         // lock: tile of a miss, -1 for hashes, or -2 for
+                                         // the last ones of an advertisement
     std::vector<uint8_t> missed;         // tiles of the screen: not sent again since a miss
     int32_t openings;                    // of the duplication, as last seen
     std::vector<uint8_t> owed;           // tiles of the screen: not sent since it was opened
@@ -189,6 +207,10 @@ static int32_t look_at_messages()
             happened[head.rows == 0                ? "console gone"
                      : head.row_count == head.rows ? "console"
                                                    : "console's rows"]++;
+            if (head.rows != 0 && head.rows == run.text.rows && head.cols == run.text.cols &&
+                (head.x != run.text.x || head.y != run.text.y))
+                happened["console moved"]++;
+            run.text = head;
         } else if (header.type == MSG_CURSOR) {
             happened["pointer"]++;
         } else if (header.type == MSG_FRAME_END) {
@@ -277,6 +299,7 @@ static void note_unlocking(const lock *l)
         MUST(!run.lock_takers.empty());
         int64_t place = run.lock_takers.front();
         run.lock_takers.pop_front();
+        run.adverts_taken += place == -2;
         if (place < 0 || run.session->generation != host::session_generation)
             return;
         fit_grid();
@@ -289,8 +312,33 @@ static void note_unlocking(const lock *l)
     }
 }
 
+// The session's first walk waits for an advertisement as long as it may, and no longer.
+static void note_walked()
+{
+    if (run.walked || !run.session)
+        return;
+    run.walked = true;
+    if (!run.wants_cache) {
+        happened["first walk, no cache"]++;
+        return;
+    }
+    bool late = stepped_clock - run.session->hello_sent_ms >= run.session->advert_wait_ms;
+    MUST(late || run.session->advert_over != 0);
+    MUST(late || run.adverts_taken >= run.first_adverts); // what ends the wait is in the mirror
+    if (run.adverts_taken > 0)
+        happened["first walk after the advertisement"]++;
+    else if (run.advertised > 0)
+        happened["first walk before the advertisement"]++;
+    else
+        happened["first walk, nothing advertised"]++;
+}
+
 static void note_started(stepped_thread *t, void (*routine)(void *), void *argument)
 {
+    if (run.control) {
+        run.saver = t;
+        return;
+    }
     MUST(routine == host::control_thread);
     run.control = t;
     run.session = (host::host_session *)argument;
@@ -305,16 +353,25 @@ static bool look_at_answer(const uint8_t *record, size_t n)
     store_le64(nonce, sender->send_counter - 1);
     uint8_t text[64];
     size_t length = n - RECORD_HEADER_BYTES - RECORD_TAG_BYTES;
-    if (length > sizeof text)
-        return true; // hashes of an advertisement
+    if (run.hashes_next || length > sizeof text) {
+        run.hashes_next = false;
+        return true;
+    }
     MUST(crypto_aead_unlock(text, record + n - RECORD_TAG_BYTES, sender->send_key, nonce,
                             record, RECORD_HEADER_BYTES, record + RECORD_HEADER_BYTES,
                             length) == 0);
     if (length < MESSAGE_HEADER_BYTES)
         return true;
     message_header header = get_header(text);
+    if (header.type == MSG_CACHE_ADVERT) { // 256 hashes are entered in one go
+        for (uint32_t left = header.length / 8; left > 256; left -= 256)
+            run.lock_takers.push_back(-1);
+        run.lock_takers.push_back(-2);
+        run.hashes_next = header.length != 0;
+        run.advertised++;
+    }
     if (length != MESSAGE_HEADER_BYTES + header.length)
-        return true; // an advertisement's header, or a few hashes
+        return true;
     if (header.type == MSG_CACHE_MISS) {
         happened["miss"]++;
         run.lock_takers.push_back(load_le32(text + MESSAGE_HEADER_BYTES));
@@ -344,12 +401,15 @@ static bool note_sends(net_socket, const uint8_t *data, size_t n)
 
 static bool note_stops(stepped_place place)
 {
+    if (run.saver && stepped_self() == run.saver)
+        return one_in(600); // it takes the lock for every slot
     return !run.calm && one_in(place == AT_CLOCK ? 6 : 3);
 }
 
 // ---------------------------------------------------------------------------------------
-// The viewer: what viewer_session_run does, without a window, and with a cache that goes on
-// from session to session, as if it had been kept in a file.
+// The viewer: what viewer_session_run does, without a window. Its cache goes on from session
+// to session: in most seeds it just stays, with as few slots as the seed wants; in the others
+// it is closed, and opened from its file.
 
 // Some that the viewer holds, in random order, and some that it does not.
 static void advertise() NO_THREAD_SAFETY_ANALYSIS
@@ -367,7 +427,6 @@ static void advertise() NO_THREAD_SAFETY_ANALYSIS
             add(hash);
     uint8_t header[MESSAGE_HEADER_BYTES];
     put_header(header, MSG_CACHE_ADVERT, (uint32_t)hashes.size());
-    run.lock_takers.push_back(-1); // at most 256 hashes, which are entered in one go
     if (viewer::viewer_send(header, sizeof header) && !hashes.empty())
         viewer::viewer_send(hashes.data(), hashes.size());
     happened["advertisement"]++;
@@ -390,14 +449,147 @@ static bool exchange_hellos()
     return !run.refused;
 }
 
+static void check_cache(bool all);
+
+static viewer::tile_cache_record staying; // while there is one from a file
+static std::map<std::string, sparse_bytes> disk_of_the_killed;
+
+static bool disk_works(const disk_memory_call &)
+{
+    run.disk_calls++;
+    if (run.disk_calls == run.killed_at)
+        disk_of_the_killed = disk_memory.files;
+    if (run.saver && stepped_self() == run.saver && one_in(100))
+        stepped_stop(AT_SEAM);
+    return run.disk_calls != run.disk_fails_at;
+}
+
+// One that was damaged stays so until something new is saved.
+static bool file_is_whole()
+{
+    const std::vector<uint8_t> head = {0x31, 0x43, 0x56, 0x51, 0, 0x20, 0, 0, 0, 0x40, 0, 0};
+    auto file = disk_memory.files.find(DISK_MEMORY_PATH);
+    return file != disk_memory.files.end() && file->second.size() == 134283280 &&
+           file->second.part(0, 12) == head;
+}
+
+// What is wrong with the file at most: nobody can tell other pixels from the right ones.
+static void damage_file()
+{
+    sparse_bytes *file = &disk_memory.files[DISK_MEMORY_PATH];
+    uint8_t other = (uint8_t)(1 + below(255));
+    switch (below(4)) {
+    case 0:
+        file->resize(rnd.below(file->size() + 1));
+        break;
+    case 1: { // of what the header must say
+        uint64_t at = rnd.below(12);
+        other ^= file->part(at, 1)[0];
+        file->write(at, &other, 1);
+        break;
+    }
+    case 2:
+        *file = {};
+        break;
+    default:
+        run.disk_fails_at = 1 + (uint32_t)below(3); // opening, header or keys
+        break;
+    }
+    happened["cache file damaged"]++;
+}
+
+static void open_cache() NO_THREAD_SAFETY_ANALYSIS
+{
+    staying = tile_cache;
+    tile_cache = {};
+    run.disk_calls = run.disk_fails_at = run.killed_at = 0;
+    if (disk_memory.files.count(DISK_MEMORY_PATH) != 0 && one_in(4))
+        damage_file();
+    bool good = file_is_whole() && run.disk_fails_at == 0;
+    disk_memory.no_folder = !run.cached;
+    viewer::tile_cache_open();
+    run.disk_fails_at = 0;
+    run.saves_before = disk_memory.replaced;
+    MUST(tile_cache.cache_enabled == run.cached);
+    run.keys.assign(viewer::CACHE_CAPACITY, 0);
+    if (!run.cached)
+        return;
+    MUST(tile_cache.cache_capacity == viewer::CACHE_CAPACITY);
+    std::vector<uint8_t> keys(viewer::CACHE_CAPACITY * 8);
+    if (good)
+        keys = disk_memory.files[DISK_MEMORY_PATH].part(16, keys.size());
+    size_t loaded = 0;
+    for (size_t i = 0; i < viewer::CACHE_CAPACITY; i++) {
+        MUST(tile_cache.cache_keys[i] == load_le64(&keys[i * 8]));
+        loaded += tile_cache.cache_keys[i] != 0;
+    }
+    if (loaded > 0)
+        happened["cache file loaded"]++;
+    check_cache(true);
+}
+
+// Each key in the file has its own pixels, whatever became of the saves.
+static void check_file()
+{
+    if (!file_is_whole())
+        return;
+    const sparse_bytes &file = disk_memory.files[DISK_MEMORY_PATH];
+    std::vector<uint8_t> keys = file.part(16, viewer::CACHE_CAPACITY * 8);
+    for (size_t i = 0; i < viewer::CACHE_CAPACITY; i++) {
+        uint64_t key = load_le64(&keys[i * 8]);
+        MUST(key == 0 ||
+             tile_hash(file.part(65552 + i * TILE_BYTES, TILE_BYTES).data()) == key);
+    }
+}
+
+// As the window does when it is destroyed.
+static void close_cache() NO_THREAD_SAFETY_ANALYSIS
+{
+    bool saves = run.saver && stepped_at(run.saver) != AT_END;
+    viewer::tile_cache_save_stop();
+    if (saves)
+        happened["save told to stop"]++;
+    happened["save while the session goes on"] += disk_memory.replaced - run.saves_before;
+    if (run.cached)
+        check_cache(true);
+    bool dirty = tile_cache.cache_dirty;
+    uint32_t before = disk_memory.replaced;
+    run.disk_calls = 0;
+    if (one_in(5))
+        run.disk_fails_at = 1 + (uint32_t)below(one_in(2) ? 5 : 40);
+    else if (one_in(4))
+        run.killed_at = 1 + (uint32_t)below(one_in(2) ? 5 : 40);
+    lock_enter(&viewer::frame_lock);
+    viewer::tile_cache_save();
+    bool failed = tile_cache.cache_dirty;
+    viewer::tile_cache_close();
+    lock_leave(&viewer::frame_lock);
+    MUST(!failed || (dirty && run.disk_calls >= run.disk_fails_at));
+    MUST(disk_memory.replaced == before + (dirty && !failed));
+    if (dirty)
+        happened[failed ? "save failed" : "save at the end"]++;
+    if (run.killed_at != 0 && run.disk_calls >= run.killed_at) {
+        disk_memory.files = disk_of_the_killed;
+        happened["killed while saving"]++;
+    }
+    run.disk_fails_at = run.killed_at = 0;
+    check_file();
+    tile_cache = staying;
+}
+
 static void viewer_life(void *argument)
 {
     net_socket sock = *(net_socket *)argument;
     if (handshake_as_viewer(&viewer::viewer_channel, sock, "secret") && exchange_hellos()) {
-        if (run.advertises)
+        if (run.filed)
+            open_cache();
+        else if (run.advertises)
             advertise();
+        run.first_adverts = run.advertised;
         run.watching = true;
         viewer::viewer_recv_thread(nullptr);
+        if (run.filed)
+            close_cache();
     }
     net_abort(sock);
     net_close(sock);
@@ -676,6 +868,22 @@ static void random_console()
     }
 }
 
+// Whether the viewer's window could do something: the receive thread stands where it has no
+// lock.
+static bool window_can_act()
+{
+    return run.watching && stepped_at(run.viewer) == AT_RECV;
+}
+
+// No viewer does it, but any may: advertise when much has been sent.
+static void advertise_late()
+{
+    if (!window_can_act() || stepped_under_way(TO_HOST) + stepped_unread(TO_HOST) > 0)
+        return;
+    advertise();
+    happened["advertisement, late"]++;
+}
+
 static void random_step()
 {
     steps++;
@@ -712,13 +920,20 @@ static void random_step()
         run.acks_to_lose = below(5);
     } else if (dice == 59) {
         pointer++;
+        if (one_in(4))
+            advertise_late();
+    } else if (dice == 60 && run.filed && window_can_act()) {
+        // Every five minutes, and where the disk fails.
+        run.disk_calls = 0;
+        run.disk_fails_at = one_in(4) ? 1 + (uint32_t)below(20) : 0;
+        viewer::tile_cache_save_start();
     } else if (dice == 60 && one_in(2)) {
         desktop.lost = true;
     } else if (dice == 61 && host::capture_is_duplication() && one_in(6)) {
         random_mode();
     } else if (dice == 62 && one_in(20)) {
         desktop.away = !desktop.away;
-    } else if (dice == 63 && run.watching && stepped_at(run.viewer) == AT_RECV) {
+    } else if (dice == 63 && window_can_act()) {
         // As the window's thread would. A press and a release, one after the other.
         MUST(viewer::viewer_send_key((uint16_t)('A' + run.keys_sent % 26), true));
         MUST(viewer::viewer_send_key((uint16_t)('A' + run.keys_sent % 26), false));
@@ -880,6 +1095,10 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     run.owed.clear();
     run.waited.clear();
     tile_cache.cache_enabled = run.cached;
+    run.saver = nullptr;
+    run.hashes_next = run.walked = false;
+    run.advertised = run.adverts_taken = run.first_adverts = 0;
+    run.text = {};
     *sock = stepped_connect(one_in(4) ? 1000 + rnd.below(200000) : SIZE_MAX);
     run.viewer = stepped_start(viewer_life, sock);
 
@@ -910,9 +1129,13 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     else
         net_abort(*sock); // the viewer leaves
     session_ends(one_in(4));
-    while (stepped_at(run.viewer) != AT_END) // the control thread may be left behind
+    while (stepped_at(run.viewer) != AT_END) { // the control thread may be left behind
+        if (run.saver && stepped_can_run(run.saver))
+            run_thread(run.saver);
         run_thread(run.viewer);
-    check_cache(true);
+    }
+    if (!run.filed)
+        check_cache(true);
     happened["session"]++;
 }
 
@@ -931,6 +1154,9 @@ static void play(uint64_t seed) NO_THREAD_SAFETY_ANALYSIS
     identity_script_reset(0);
     server_log_clear();
     console_script_reset();
+    disk_memory_reset();
+    disk_memory.hook = disk_works;
+    run.filed = one_in(5);
     int32_t length = open_desktop();
     desktop.duplicates = !one_in(5);
     renew_cache();
@@ -972,13 +1198,17 @@ static const struct {
     {"acknowledgement lost", 1000},
     {"acknowledgements that came together", 100},
     {"advertisement", 300},
+    {"advertisement, late", 150},
     {"black tile missed and kept", 10},
-    {"capture restarted, same size", 300},
+    {"cache file damaged", 10},
+    {"cache file loaded", 25},
     {"capture restarted, other size", 100},
+    {"capture restarted, same size", 300},
     {"certain tiles compared", 20000},
     {"console", 500},
     {"console compared at rest", 100},
     {"console gone", 250},
+    {"console moved", 80},
     {"console not read", 200},
     {"console's rows", 150},
     {"control thread left behind", 150},
@@ -986,8 +1216,13 @@ static const struct {
     {"cut inside what the host sent", 100},
     {"cut inside what the viewer sent", 10},
     {"eviction", 1500},
+    {"first walk after the advertisement", 200},
+    {"first walk before the advertisement", 30},
+    {"first walk, no cache", 80},
+    {"first walk, nothing advertised", 300},
     {"frame", 3000},
     {"key", 300},
+    {"killed while saving", 15},
     {"large screen", 1},
     {"miss", 700},
     {"move", 1000},
@@ -996,6 +1231,10 @@ static const struct {
     {"picture compared at rest", 400},
     {"pointer", 1000},
     {"record full", 2},
+    {"save at the end", 70},
+    {"save failed", 30},
+    {"save told to stop", 6},
+    {"save while the session goes on", 30},
     {"screen of more than a record", 2},
     {"screen of one pixel", 10},
     {"session", 1000},
@@ -1017,7 +1256,7 @@ TEST_CASE("whatever happens in whatever order, the viewer shows the host's scree
                     .unlocking = note_unlocking,
                     .sends = note_sends};
     viewer::viewer_channel_init();
-    viewer::tile_cache_open();
+    viewer::tile_cache_open(); // the one that stays
 
     // Part i of n plays every n-th seed from i on.
     const char *part = getenv("QV_PART");
