@@ -89,10 +89,13 @@ disk_file disk_create(const char *path)
 
 bool disk_read(disk_file file, uint64_t offset, void *data, size_t n)
 {
-    if (!allowed("read", offset, n))
-        return false;
+    bool whole = allowed("read", offset, n);
     std::lock_guard<std::mutex> hold(mutex);
     const sparse_bytes &content = disk_memory.files[open_names[file]];
+    if (!whole) {
+        content.read(offset, data, n / 2); // as far as the disk got
+        return false;
+    }
     if (offset > content.size() || n > content.size() - offset)
         return false;
     content.read(offset, data, n);

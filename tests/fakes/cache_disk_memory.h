@@ -25,7 +25,8 @@ struct disk_memory_record {
     std::map<std::string, sparse_bytes> files;
     bool no_folder;
     bool read_only; // at first: nothing can be created
-    // Called before each call; false lets it fail. May change what it likes.
+    // Called before each call; false lets it fail, a read after half of the bytes. May change
+    // what it likes.
     std::function<bool(const disk_memory_call &)> hook;
     std::string calls; // a word each but for reads and writes
     std::atomic<uint32_t> created, replaced;

@@ -168,8 +168,19 @@ TEST_CASE("the file is written as it is laid out")
     disk_memory.calls.clear();
     c.insert(hash_of(14));
     c.insert(hash_of(15));
+    std::vector<uint64_t> writes;
+    disk_memory.hook = [&](const disk_memory_call &call) {
+        if (strcmp(call.what, "write") == 0)
+            writes.push_back(call.offset);
+        return true;
+    };
     c.save();
     CHECK(disk_memory.calls == "create length flush close replace ");
+    REQUIRE(writes.size() >= 4); // the keys in pieces
+    CHECK(writes[0] == TILES_AT + 14 * 16384);
+    CHECK(writes[1] == TILES_AT + 15 * 16384);
+    CHECK(writes[2] == 16);
+    CHECK(writes.back() == 0); // what is cut short has no header
     CHECK_FALSE(c.dirty());
     CHECK(disk_memory.files.size() == 1);
 
@@ -444,8 +455,36 @@ TEST_CASE("while a thread saves, tiles come and go, and each key keeps its own p
     tile_cache_save_start();
     while (disk_memory.replaced < 3)
         clock_sleep_ms(1);
+    c.insert(2);
+    for (int i = 0; i < 60000 && disk_memory.replaced < 4; i++) {
+        tile_cache_save_start(); // the first times it may not quite have ended
+        clock_sleep_ms(1);
+    }
+    CHECK(disk_memory.replaced == 4);
     tile_cache_save_stop();
     CHECK_FALSE(c.dirty());
+}
+
+TEST_CASE("a slot that changes all the time never goes with another tile's pixels")
+{
+    const sparse_bytes old = make_file(0, 1, 16);
+    opened_cache c(&old);
+    tile_cache_open();
+    bytes pixels[16 * 3];
+    for (uint32_t i = 0; i < 48; i++)
+        pixels[i] = pixels_of(hash_of(i % 16) + 8192 * (i / 16));
+    for (uint32_t save = 1; save <= 20; save++) {
+        c.insert(hash_of(0));
+        tile_cache_save_start();
+        for (uint32_t i = 0; disk_memory.replaced < save; i = (i + 1) % 48) {
+            lock_enter(&frame_lock);
+            tile_cache_insert(hash_of(i % 16) + 8192 * (i / 16), pixels[i].data(),
+                              TILE_ROW_BYTES);
+            lock_leave(&frame_lock);
+        }
+        tile_cache_save_stop();
+        REQUIRE(file_is_right(saved()));
+    }
 }
 
 TEST_CASE("a save that is told to stop leaves the old file, and the last one follows")
