@@ -25,8 +25,11 @@ if(WIN32)
   target_compile_definitions(qv_options INTERFACE __USE_MINGW_ANSI_STDIO=1)
   # One file that needs only system DLLs.
   target_link_options(qv_options INTERFACE -static)
-  # The same sources give the same bytes, whenever they are linked.
+  # The same sources give the same bytes, whenever they are linked, and also by a ccache that
+  # is set to turn paths into relative ones.
   target_link_options(qv_options INTERFACE -Wl,--no-insert-timestamp)
+  file(RELATIVE_PATH above ${CMAKE_BINARY_DIR} ${CMAKE_SOURCE_DIR})
+  target_compile_options(qv_options INTERFACE -fmacro-prefix-map=${above}=)
   if(CMAKE_BUILD_TYPE STREQUAL "Release")
     target_link_options(qv_options INTERFACE -s)
   endif()
