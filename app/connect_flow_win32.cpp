@@ -16,7 +16,6 @@
 #include "viewer/viewer_session.h"
 
 #include <monocypher.h>
-#include <stdlib.h>
 
 namespace app
 {
@@ -34,12 +33,6 @@ void on_viewer_connected(const char *host_name, const char *target)
     PostMessageA(main_window, APP_MSG_VIEWER_CONNECTED, 0, 0);
 }
 
-static void free_request(connect_request *request)
-{
-    crypto_wipe(request, sizeof *request);
-    free(request);
-}
-
 static DWORD WINAPI viewer_worker(void *parameter)
 {
     connect_request *request = (connect_request *)parameter;
@@ -47,7 +40,7 @@ static DWORD WINAPI viewer_worker(void *parameter)
     int failed =
         viewer::viewer_session_run(request->host, request->port, request->use_relay != 0,
                                    request->target, request->password, error, sizeof error);
-    free_request(request);
+    connect_request_free(request);
     if (failed && error[0] != 0)
         MessageBoxA(nullptr, error, "qv - could not connect", MB_ICONEXCLAMATION | MB_TOPMOST);
     PostMessageA(main_window, APP_MSG_SESSION_ENDED, 0, 0);
@@ -66,11 +59,9 @@ void start_connect(const char *target, const char *password)
                     MB_ICONINFORMATION);
         return;
     }
-    connect_request *request = (connect_request *)calloc(1, sizeof *request);
+    connect_request *request = connect_request_new(target, password, host_get_relay());
     if (!request)
         return;
-    connect_request_fill(request, target, password, host_get_relay());
-
     session_open = true;
     EnableWindow(controls.connect_button, FALSE);
     SetWindowTextA(controls.connect_button, "Connecting...");
@@ -78,7 +69,7 @@ void start_connect(const char *target, const char *password)
     if (thread) {
         CloseHandle(thread);
     } else {
-        free_request(request);
+        connect_request_free(request);
         connect_session_ended();
     }
 }

@@ -15,16 +15,21 @@ struct connect_request {
     char host[CONNECT_TEXT_SIZE]; // the relay, or the host itself
     char port[16];                // decimal, or whatever stood behind the colon
     char target[64];              // as typed: the room at the relay, and the history's key
-    char password[CONNECT_PASSWORD_SIZE]; // to be wiped by whoever frees the request
+    char password[CONNECT_PASSWORD_SIZE];
     uint32_t use_relay;
 };
 
-// Fills a request; every field is cut to its size. A target of decimal digits alone is an
-// ID, to be reached through the relay. Anything else is the address of a host, with a port
-// behind its last colon if it has one; blanks make no ID, and an IPv6 address without a port
-// is split at its last colon like any other. Pure.
-void connect_request_fill(connect_request *request, const char *target, const char *password,
-                          const char *relay_host);
+// A new request; every text is cut to its field. Null when there is no memory for it. The
+// caller owns it and passes it to connect_request_free.
+//
+// A target of decimal digits alone is an ID, to be reached through the relay. Anything else is
+// the address of a host, with a port behind its last colon if it has one; blanks make no ID,
+// and an IPv6 address without a port is split at its last colon like any other.
+[[nodiscard]] connect_request *connect_request_new(const char *target, const char *password,
+                                                   const char *relay_host);
+
+// Wipes the password and frees the request.
+void connect_request_free(connect_request *request);
 
 } // namespace app
 
