@@ -681,7 +681,10 @@ class E2ETest(unittest.TestCase):
 def main():
     enter_namespace()
     adopt_orphans()
-    unittest.main(warnings="ignore")
+    result = unittest.main(warnings="ignore", exit=False).result
+    if result.testsRun == 0:
+        print("there is no such test", flush=True)
+    sys.exit(not result.wasSuccessful() or result.testsRun == 0)
 
 
 if __name__ == "__main__":  # for the build: succeeds where there are namespaces

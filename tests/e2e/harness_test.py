@@ -81,6 +81,22 @@ class HarnessTest(harness.E2ETest):
         left = set((harness.WINE_DIR / "run").iterdir()) - before
         self.assertEqual([path for path in left if "Hangs" in path.name], [])
 
+    def test_a_class_without_a_test_fails(self):
+        script = textwrap.dedent(f"""\
+            import sys
+            sys.path.insert(0, {str(pathlib.Path(__file__).parent)!r})
+            import harness
+
+            class Empty(harness.E2ETest):
+                pass
+
+            harness.main()
+            """)
+        done = subprocess.run(["/usr/bin/python3", "-c", script], stdin=subprocess.DEVNULL,
+                              stdout=subprocess.PIPE, stderr=subprocess.STDOUT, timeout=100)
+        self.assertEqual(done.returncode, 1)
+        self.assertIn(b"there is no such test", done.stdout)
+
 
 def relay_side(role, room, bytes_after=b""):
     """Connects to the relay as a host ("H") or a viewer ("V")."""

@@ -11,7 +11,7 @@ PLANTED = ["d3d11", "dxgi", "dwmapi", "winmm", "bcrypt"]
 NOT_FOUND = "8007007e"  # HRESULT of ERROR_MOD_NOT_FOUND
 
 
-class PlantedCase(harness.E2ETest):
+class PlantedCase:
     """Machines on which a file beside the program wins over one of Wine's, as it does on
     Windows for all but the known DLLs."""
 
@@ -36,7 +36,7 @@ class PlantedCase(harness.E2ETest):
         return sorted(tuple(mark.name.lower().split(".dll.in.")) for mark in found)
 
 
-class PlantedTest(PlantedCase):
+class PlantedTest(PlantedCase, harness.E2ETest):
     def test_the_trap_catches_a_program_that_imports(self):
         machine = self.planted_machine("one", 640, 480)
         status, _ = machine.run(self.plant(machine, harness.PROBES / "planted_imports.exe"))
