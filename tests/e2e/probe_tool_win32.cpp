@@ -4,6 +4,10 @@
 //   probe_tool stay                     keeps the desktop up: never ends
 //   probe_tool list                     every visible top-level window, one line each
 //   probe_tool text TITLE [CLASS]       text of the window, or of its first child of CLASS
+//   probe_tool controls TITLE           every control in the window: class, number, 1 if it can
+//                                       be used, style (hexadecimal), place on the screen, text
+//   probe_tool rows TITLE               the rows of the window's list view
+//   probe_tool front                    class and title of the foreground window
 //   probe_tool metrics                  width and height of the screen
 //   probe_tool cursor                   position of the pointer
 //   probe_tool pressed                  virtual-key codes that are down, mouse buttons included
@@ -19,6 +23,7 @@
 
 #include "protocol/win32.h"
 
+#include <commctrl.h>
 #include <psapi.h>
 #include <stdio.h>
 #include <stdlib.h>
@@ -102,6 +107,70 @@ int print_text(HWND window, const char *class_name)
     return 0;
 }
 
+BOOL CALLBACK list_control(HWND control, LPARAM)
+{
+    char text[TITLE_SIZE] = {};
+    char class_name[64] = {};
+    RECT place = {};
+    DWORD_PTR length = 0;
+    GetClassNameA(control, class_name, sizeof class_name);
+    GetWindowRect(control, &place);
+    SendMessageTimeoutA(control, WM_GETTEXT, sizeof text, (LPARAM)text, SMTO_ABORTIFHUNG, 5000,
+                        &length);
+    printf("%s\t%d\t%d\t%lx\t%ld %ld %ld %ld\t%s\n", class_name, GetDlgCtrlID(control),
+           IsWindowEnabled(control) ? 1 : 0, (unsigned long)GetWindowLongA(control, GWL_STYLE),
+           place.left, place.top, place.right, place.bottom, text);
+    return TRUE;
+}
+
+// A list view writes texts where the one who asks has memory, so that is had in its process.
+int print_rows(HWND window)
+{
+    struct request {
+        LVITEMA item;
+        char text[TITLE_SIZE];
+    };
+    HWND list = FindWindowExA(window, nullptr, "SysListView32", nullptr);
+    DWORD pid = 0;
+    GetWindowThreadProcessId(window, &pid);
+    HANDLE process =
+        OpenProcess(PROCESS_VM_OPERATION | PROCESS_VM_READ | PROCESS_VM_WRITE, FALSE, pid);
+    request *theirs = (request *)VirtualAllocEx(process, nullptr, sizeof(request), MEM_COMMIT,
+                                                PAGE_READWRITE);
+    if (!list || !theirs)
+        return 1;
+    HWND header = (HWND)SendMessageA(list, LVM_GETHEADER, 0, 0);
+    int columns = (int)SendMessageA(header, HDM_GETITEMCOUNT, 0, 0);
+    int rows = (int)SendMessageA(list, LVM_GETITEMCOUNT, 0, 0);
+    for (int row = 0; row < rows; row++) {
+        for (int column = 0; column < columns; column++) {
+            request ours = {};
+            ours.item.iSubItem = column;
+            ours.item.pszText = theirs->text;
+            ours.item.cchTextMax = TITLE_SIZE;
+            WriteProcessMemory(process, theirs, &ours, sizeof ours, nullptr);
+            SendMessageA(list, LVM_GETITEMTEXTA, (WPARAM)row, (LPARAM)&theirs->item);
+            ReadProcessMemory(process, theirs, &ours, sizeof ours, nullptr);
+            printf("%s%s", column ? "\t" : "", ours.text);
+        }
+        printf("\n");
+    }
+    VirtualFreeEx(process, theirs, 0, MEM_RELEASE);
+    CloseHandle(process);
+    return 0;
+}
+
+int print_front()
+{
+    HWND window = GetForegroundWindow();
+    char title[TITLE_SIZE] = {};
+    char class_name[64] = {};
+    GetClassNameA(window, class_name, sizeof class_name);
+    GetWindowTextA(window, title, sizeof title);
+    printf("%s\t%s\n", class_name, title);
+    return 0;
+}
+
 // Private bytes are a bound only: Wine counts what its own side of the process has too.
 int print_holds(const char *name)
 {
@@ -171,6 +240,9 @@ int main(int argc, char **argv)
         return 0;
     }
 
+    if (strcmp(verb, "front") == 0 && argc == 2)
+        return print_front();
+
     if (strcmp(verb, "bare") == 0 && argc == 3)
         return run_bare(argv[2]);
     if (strcmp(verb, "holds") == 0 && argc == 3)
@@ -181,6 +253,12 @@ int main(int argc, char **argv)
         return 1;
     if (strcmp(verb, "text") == 0)
         return print_text(window, argc > 3 ? argv[3] : nullptr);
+    if (strcmp(verb, "controls") == 0) {
+        EnumChildWindows(window, list_control, 0);
+        return 0;
+    }
+    if (strcmp(verb, "rows") == 0)
+        return print_rows(window);
     if (strcmp(verb, "place") == 0 && argc == 7)
         return !SetWindowPos(window, HWND_TOP, atoi(argv[3]), atoi(argv[4]), atoi(argv[5]),
                              atoi(argv[6]), 0);
