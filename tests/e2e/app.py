@@ -14,6 +14,8 @@ PROGRAM = harness.PROGRAMS / "qv.exe"
 TITLE = "qv remote desktop"
 SIZE = (800, 600)  # of its screen: room for the window, the dialog and the task bar
 
+NO_DIRECT3D = ";d3d11=;dxgi="
+
 # Controls by their numbers.
 SET_PASSWORD, COPY_ID, COPY_PASSWORD = 101, 102, 103
 TARGET, PASSWORD, CONNECT = 104, 105, 106
@@ -31,6 +33,10 @@ class App:
 
     def __init__(self, machine, program=PROGRAM):
         self.machine = machine
+        # Wine can hang for good when one thread of a process starts Direct3D just while another
+        # makes its first window. There is no duplication under Wine in any case.
+        if NO_DIRECT3D not in machine.environment["WINEDLLOVERRIDES"]:
+            machine.environment["WINEDLLOVERRIDES"] += NO_DIRECT3D
         self.screen = machine.screen
         self.program = machine.start(program)
         self.wait_shown()

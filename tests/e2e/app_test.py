@@ -110,7 +110,7 @@ class AppWindowTest(AppCase, harness.E2ETest):
     def test_it_is_hidden_and_shown_and_runs_once(self):
         pc = self.pc()
         qv = App(pc)
-        self.assertFalse(qv.tray_is_empty())
+        harness.wait_for("the icon", lambda: not qv.tray_is_empty())
         self.assertIsNone(qv.balloon())
 
         # The close box hides it, with a balloon.
