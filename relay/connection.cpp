@@ -9,7 +9,7 @@
 namespace relay
 {
 
-void set_socket_options(asio::ip::tcp::socket &socket)
+void set_socket_options(asio::ip::tcp::socket &socket, const options &settings)
 {
     // A socket whose peer has gone already refuses; its first read says so.
     asio::error_code ignored;
@@ -17,13 +17,16 @@ void set_socket_options(asio::ip::tcp::socket &socket)
     socket.set_option(asio::socket_base::keep_alive(true), ignored);
     const auto handle = socket.native_handle();
 #ifdef _WIN32
-    tcp_keepalive values = {.onoff = 1, .keepalivetime = 30000, .keepaliveinterval = 10000};
+    tcp_keepalive values = {.onoff = 1,
+                            .keepalivetime = 1000 * settings.keep_alive_seconds,
+                            .keepaliveinterval = 1000 * settings.probe_seconds};
     DWORD size = 0;
     WSAIoctl(handle, SIO_KEEPALIVE_VALS, &values, sizeof values, nullptr, 0, &size, nullptr,
              nullptr);
 #else
-    const int idle = 30, interval = 10, probes = 3;
-    const unsigned user_timeout_ms = 60000;
+    const int idle = (int)settings.keep_alive_seconds, interval = (int)settings.probe_seconds,
+              probes = (int)settings.probes;
+    const unsigned user_timeout_ms = 1000 * settings.user_timeout_seconds;
     setsockopt(handle, IPPROTO_TCP, TCP_KEEPIDLE, &idle, sizeof idle);
     setsockopt(handle, IPPROTO_TCP, TCP_KEEPINTVL, &interval, sizeof interval);
     setsockopt(handle, IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);

@@ -58,9 +58,10 @@ inline auto into(asio::error_code &error)
     return asio::redirect_error(asio::use_awaitable, error);
 }
 
-// Keep-alive of 30 s, then three probes 10 s apart, no delay of small packets, and an end to
-// data that nobody acknowledges for a minute. As far as the platform has it.
-void set_socket_options(asio::ip::tcp::socket &socket);
+// Keep-alive and user time-out as in the settings, and no delay of small packets; as far as
+// the platform has it. Linux ends its probes when the user time-out is over, however many
+// they were.
+void set_socket_options(asio::ip::tcp::socket &socket, const options &settings);
 
 } // namespace relay
 

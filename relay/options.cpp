@@ -183,6 +183,12 @@ parsed_options parse_options(int argc, const char *const *argv)
            "how long one side may go on after the other has ended");
     number("--drain-seconds", o.drain_seconds, 600, 0, 86400,
            "how long pairs may go on once the relay was told to end");
+    number("--keep-alive-seconds", o.keep_alive_seconds, 30, 1, 3600,
+           "how long a connection may be silent before it is probed");
+    number("--probe-seconds", o.probe_seconds, 10, 1, 600, "from one probe to the next");
+    number("--probes", o.probes, 3, 1, 100, "probes without an answer that end it");
+    number("--user-timeout-seconds", o.user_timeout_seconds, 60, 1, 3600,
+           "how long a peer may acknowledge nothing");
     number("--logins-per-room", o.logins_per_room, 10, 1, 10000,
            "failed log-ins a minute to one ID, then back-off");
     number("--logins-per-address", o.logins_per_address, 5, 1, 10000,

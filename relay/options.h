@@ -46,7 +46,11 @@ struct options {
     double handshake_seconds;   // from pairing to the handshake's last byte
     double half_closed_seconds; // for one side when the other has ended
     double drain_seconds;       // for the pairs that are left when told to end
-    double logins_per_room;     // failed ones a minute
+    // A silent connection is probed after so long, again so often, and then given up; so is
+    // data that its peer's system does not acknowledge.
+    std::uint32_t keep_alive_seconds, probe_seconds, probes;
+    std::uint32_t user_timeout_seconds;
+    double logins_per_room; // failed ones a minute
     double logins_per_address;
     std::uint32_t connections; // in all
     std::uint32_t connections_per_address;

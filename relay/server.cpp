@@ -181,7 +181,7 @@ asio::awaitable<void> server::serve(connection_ptr c)
         refuse(*c, why);
         co_return;
     }
-    set_socket_options(c->socket);
+    set_socket_options(c->socket, settings_);
     c->socket.non_blocking(true); // for the watcher, which reads what is there
 
     // One time for all that comes before a room.
