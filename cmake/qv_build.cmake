@@ -1,4 +1,4 @@
-# Compiler settings for all of qv, and the three functions that the folders are made of.
+# Compiler settings for all of qv, and the functions that the folders are made of.
 
 find_program(CCACHE ccache)
 if(CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
@@ -76,6 +76,17 @@ function(qv_library name)
   endif()
 endfunction()
 
+# qv_resources(qv_host "qv host" variable): sets the variable to an .rc file with icon, manifest
+# and version of an executable of this name.
+function(qv_resources name description result)
+  set(folder ${CMAKE_SOURCE_DIR}/app/resources)
+  set(resources ${CMAKE_BINARY_DIR}/resources/${name}.rc)
+  configure_file(${folder}/program.rc.in ${resources} @ONLY)
+  set_property(SOURCE ${resources} DIRECTORY ${CMAKE_CURRENT_SOURCE_DIR} PROPERTY
+    OBJECT_DEPENDS "${folder}/qv.ico;${folder}/qv.manifest")
+  set(${result} ${resources} PARENT_SCOPE)
+endfunction()
+
 # qv_program(qv_host SOURCE host_main_win32.cpp DESCRIPTION "..." LIBRARIES ...): one of the
 # product's executables, in build/windows/ when this is the release build. A console program
 # unless GUI is given. The target is called qv_host_program, since libraries have such names
@@ -89,11 +100,7 @@ function(qv_program name)
   if(NOT ARG_DESCRIPTION)
     set(ARG_DESCRIPTION ${name})
   endif()
-  set(folder ${CMAKE_SOURCE_DIR}/app/resources)
-  set(resources ${CMAKE_BINARY_DIR}/resources/${name}.rc)
-  configure_file(${folder}/program.rc.in ${resources} @ONLY)
-  set_source_files_properties(${resources} PROPERTIES
-    OBJECT_DEPENDS "${folder}/qv.ico;${folder}/qv.manifest")
+  qv_resources(${name} "${ARG_DESCRIPTION}" resources)
   add_executable(${target} ${ARG_SOURCE} ${resources})
   set_target_properties(${target} PROPERTIES OUTPUT_NAME ${name})
   target_compile_options(${target} PRIVATE

@@ -9,7 +9,9 @@
 #include <cstdio>
 #include <exception>
 
-#ifndef _WIN32
+#ifdef _WIN32
+#include "protocol/system_library.h"
+#else
 #include <sys/resource.h>
 #endif
 
@@ -52,6 +54,9 @@ static void run(const relay::options &settings)
 
 int main(int argc, char **argv)
 {
+#ifdef _WIN32
+    system_library_restrict();
+#endif
     const relay::parsed_options parsed = relay::parse_options(argc, argv);
     if (!parsed.settings)
         return parsed.exit_status;
