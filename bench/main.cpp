@@ -12,6 +12,7 @@
 #include "bench/photon.h"
 #include "bench/picture.h"
 #include "bench/road.h"
+#include "bench/tile_store.h"
 
 #include <fcntl.h>
 #include <stdlib.h>
@@ -109,6 +110,7 @@ int main(int argc, char **argv)
     dup2(hidden, STDOUT_FILENO);
     road_measure(&lines, args.words);
     photon_measure(&lines, args.words);
+    tile_store_measure(&lines, args.words);
     fflush(stdout);
     dup2(shown, STDOUT_FILENO);
     close(shown);
