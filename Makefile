@@ -1,9 +1,9 @@
 # Front door. CMake builds (CMakePresets.json); this file only has the handy names.
 
-.PHONY: help setup windows package relay test fuzz soak mutate bench demo
+.PHONY: help setup windows package relay test fuzz soak mutate bench demo screenshots
 help:
-	@echo "make demo      build all, then show a host's screen in a viewer (KEEP=1: stay up;"
-	@echo "               RELAY=1: through a relay)"
+	@echo "make demo      build all, then show a host's screen in a viewer, last by the desktop"
+	@echo "               application (KEEP=1: stay up; RELAY=1: through a relay from the start)"
 	@echo "make windows   build/windows/: qv.exe, and qv_client.exe and qv_host.exe for the command"
 	@echo "               line"
 	@echo "make package   build/package/: an installer and a zip file of them (docs/packaging.md)"
@@ -13,6 +13,7 @@ help:
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
 	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed)"
 	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
+	@echo "make screenshots   the pictures of the desktop application in docs/images/"
 	@echo
 	@echo "Each first installs what it needs (tools/setup; Debian 12, root or sudo)."
 
@@ -50,6 +51,11 @@ mutate: setup
 bench: setup
 	@tools/bench $(if $(BASE),--base $(BASE))
 
-demo: windows $(if $(RELAY),relay)
+demo: windows relay
 	cmake --build --preset mingw-release --parallel 2 --target probe_tool console_double
 	@tools/demo
+
+# The pictures hold a new password each time.
+screenshots: windows
+	cmake --build --preset mingw-release --parallel 2 --target probe_tool console_double
+	@tools/screenshots

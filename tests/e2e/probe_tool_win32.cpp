@@ -15,6 +15,7 @@
 //   probe_tool place TITLE X Y W H      moves and sizes a window
 //   probe_tool front TITLE              makes a window the foreground window
 //   probe_tool post TITLE MSG WPARAM    posts a message with a number
+//   probe_tool fill TITLE NUMBER TEXT   puts a text into the control of that number
 //   probe_tool bare COMMAND             runs a program without standard input, output and
 //                                       error; ends with its exit status
 //
@@ -266,6 +267,8 @@ int main(int argc, char **argv)
         return !SetForegroundWindow(window);
     if (strcmp(verb, "post") == 0 && argc == 5)
         return !PostMessageA(window, (UINT)atoi(argv[3]), (WPARAM)atoi(argv[4]), 0);
+    if (strcmp(verb, "fill") == 0 && argc == 5)
+        return !SetDlgItemTextA(window, atoi(argv[3]), argv[4]);
     fprintf(stderr, "unknown request\n");
     return 1;
 }
