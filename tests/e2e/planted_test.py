@@ -5,6 +5,7 @@ it is started, are not loaded in place of the system's. And what happens without
 import re
 import shutil
 
+import app
 import harness
 
 PLANTED = ["d3d11", "dxgi", "dwmapi", "winmm", "bcrypt"]
@@ -85,6 +86,23 @@ class PlantedTest(PlantedCase, harness.E2ETest):
         self.assertTrue(any(re.match("DuplicateOutput|D3D11CreateDevice 887a0004", line)
                             for line in host.log), host.log)
         self.assertEqual(self.marks(pc) + self.marks(desk), [])
+
+    def test_the_application_loads_nothing_that_is_planted(self):
+        pc = self.planted_machine("pc", *app.SIZE)
+        # The list's library, which is loaded by its name.
+        libraries = ["comctl32", "uxtheme"]
+        pc.environment["WINEDLLOVERRIDES"] += f";{','.join(libraries)}=n,b"
+        for library in libraries:
+            shutil.copy(harness.PROBES / "planted_library.dll",
+                        pc.drive_c / f"planted/{library}.dll")
+        qv = app.App(pc, self.plant(pc, app.PROGRAM))
+        harness.wait_for("the list", lambda: qv.control(app.HISTORY))
+        harness.wait_for("the host", lambda: "server up" in qv.log)
+        qv.connect("127.0.0.1", "x")
+        qv.wait_box("qv - could not connect")
+        qv.close_box()
+        self.assertEqual(qv.exit(), 0)
+        self.assertEqual(self.marks(pc), [])
 
 
 class MissingLibraryTest(harness.E2ETest):
