@@ -312,6 +312,14 @@ class AppConnectTest(AppCase, harness.E2ETest):
             qv.key("Return")
             self.check_box(qv, "qv", empty)
             qv.close_box()
+        # Both ways in which a system may come to that: it asks for the default button (0x534B:
+        # there is one), or it sends the command of an OK button.
+        dm_getdefid, wm_command = 0x400, 0x111
+        self.assertEqual(qv.machine.ask("send", "class=qvapp", dm_getdefid, 0),
+                         str(0x534B0000 + app.CONNECT))
+        qv.machine.ask("post", "class=qvapp", wm_command, app.OK)
+        self.check_box(qv, "qv", empty)
+        qv.close_box()
         self.assertTrue(qv.is_idle())
 
         qv.connect("no-such-host.invalid", "x")

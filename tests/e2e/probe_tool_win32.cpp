@@ -16,6 +16,7 @@
 //   probe_tool front TITLE              makes a window the foreground window
 //   probe_tool post TITLE MSG WPARAM    posts a message with a number
 //   probe_tool fill TITLE NUMBER TEXT   puts a text into the control of that number
+//   probe_tool send TITLE MSG WPARAM    sends a message with a number; prints the answer
 //   probe_tool bare COMMAND             runs a program without standard input, output and
 //                                       error; ends with its exit status
 //
@@ -269,6 +270,13 @@ int main(int argc, char **argv)
         return !PostMessageA(window, (UINT)atoi(argv[3]), (WPARAM)atoi(argv[4]), 0);
     if (strcmp(verb, "fill") == 0 && argc == 5)
         return !SetDlgItemTextA(window, atoi(argv[3]), argv[4]);
+    DWORD_PTR answer = 0;
+    if (strcmp(verb, "send") == 0 && argc == 5 &&
+        SendMessageTimeoutA(window, (UINT)atoi(argv[3]), (WPARAM)atoi(argv[4]), 0,
+                            SMTO_ABORTIFHUNG, 5000, &answer)) {
+        printf("%llu\n", (unsigned long long)answer);
+        return 0;
+    }
     fprintf(stderr, "unknown request\n");
     return 1;
 }
