@@ -5,6 +5,7 @@ the X server's own tool; what it does, from its files, its windows and the other
 """
 
 import collections
+import re
 import subprocess
 import time
 
@@ -13,6 +14,8 @@ import harness
 PROGRAM = harness.PROGRAMS / "qv.exe"
 TITLE = "qv remote desktop"
 SIZE = (800, 600)  # of its screen: room for the window, the dialog and the task bar
+
+NIM_ADD, NIM_MODIFY, NIM_DELETE = 0, 1, 2
 
 NO_DIRECT3D = ";d3d11=;dxgi="
 
@@ -38,7 +41,10 @@ class App:
         if NO_DIRECT3D not in machine.environment["WINEDLLOVERRIDES"]:
             machine.environment["WINEDLLOVERRIDES"] += NO_DIRECT3D
         self.screen = machine.screen
+        environment = machine.environment
+        machine.environment = dict(environment, WINEDEBUG="-all,trace+systray")
         self.program = machine.start(program)
+        machine.environment = environment
         self.wait_shown()
 
     # ----------------------------------------------------------------- what it shows
@@ -168,6 +174,10 @@ class App:
     # ----------------------------------------------------------------- tray
 
     def tray_point(self):
+        # Without Wine's desktop and its task bar, the tray is a window.
+        tray = self.machine.window("Wine System Tray")
+        if tray:
+            return tray.client[0] + 10, tray.client[1] + 10
         return self.screen.width - 11, self.screen.height - 10
 
     def tray_is_empty(self):
@@ -175,6 +185,11 @@ class App:
         x, y = self.tray_point()
         part = self.screen.shot()[y - 7:y + 7, x - 7:x + 7]
         return bool((part == part[0, 0]).all())
+
+    def tray_calls(self):
+        """What the program has asked of the shell for its icon so far (NIM_...)."""
+        return [int(call) for call in re.findall(r"Shell_NotifyIconW dwMessage = (\d+),",
+                                                 self.program.output)]
 
     def click_tray(self, button=1, times=1):
         self.click_at(*self.tray_point(), button, times)

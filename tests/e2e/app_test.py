@@ -130,8 +130,6 @@ class AppWindowTest(AppCase, harness.E2ETest):
         harness.wait_for("the balloon to go", lambda: qv.balloon() is None)
         qv.minimise()
         qv.wait_hidden()
-        app.pause(4)  # twice what the first one took
-        self.assertIsNone(qv.balloon())
         qv.click_tray()
         qv.wait_shown()
         qv.wait_in_front("qvapp")
@@ -150,11 +148,48 @@ class AppWindowTest(AppCase, harness.E2ETest):
 
         self.assertEqual(qv.exit(), 0)
         self.assertIsNone(qv.window())
+        # The icon came, showed one balloon, and was taken away.
+        self.assertEqual(qv.tray_calls(), [app.NIM_ADD, app.NIM_MODIFY, app.NIM_DELETE])
         harness.wait_for("the icon to go", qv.tray_is_empty)
         # The place is free for the next.
         again = App(pc)
         self.assertTrue(again.program.is_running())
         self.assertEqual(again.exit(), 0)
+
+
+class AppManagedTest(AppCase, harness.E2ETest):
+    """On a screen with a window manager and without Wine's own desktop."""
+
+    def test_under_a_window_manager(self):
+        screen = harness.Screen(*app.SIZE)
+        manager = harness.Program("openbox", ["openbox"], screen.environment)
+        pc = harness.Machine("pc", self.directory, *app.SIZE, desktop=False, screen=screen)
+        self.machines.append(pc)
+        pc.programs.append(manager)
+        qv = App(pc)
+        self.assertEqual(qv.window().client_size, (484, 520))
+        harness.wait_for("identity", lambda: (pc.data_dir / "host.txt").exists())
+        qv.click(app.COPY_ID)
+        self.wait_clipboard(pc, qv.info["id"])
+
+        qv.connect("no-such-host.invalid", "x")
+        self.assertEqual(qv.wait_box("qv - could not connect"), "cannot resolve host")
+        qv.close_box()
+        qv.wait_idle()
+
+        qv.key("alt+F4")
+        qv.wait_hidden()
+        harness.wait_for("the balloon", qv.balloon)
+        self.assertEqual(pc.run(app.PROGRAM), (0, ""))
+        qv.wait_shown()
+        qv.wait_in_front("qvapp")
+        screen.xdotool("search", "--name", app.TITLE, "windowminimize")
+        qv.wait_hidden()
+        qv.click_tray()
+        qv.wait_shown()
+        self.assertEqual(qv.window().client_size, (484, 520))
+        self.assertEqual(qv.exit(), 0)
+        self.assertEqual(qv.tray_calls(), [app.NIM_ADD, app.NIM_MODIFY, app.NIM_DELETE])
 
 
 class AppPasswordTest(AppCase, harness.E2ETest):
