@@ -12,6 +12,7 @@ import zipfile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 sys.path.insert(0, str(ROOT / "tests/e2e"))
+import app  # noqa: E402
 import harness  # noqa: E402
 
 NETSH = harness.PROBES.parent / "packaging/netsh_double.exe"
@@ -38,7 +39,7 @@ class InstallTest(harness.E2ETest):
     def setUp(self):
         super().setUp()
         self.pc = self.machine("pc", 1024, 768)
-        self.pc.environment["WINEDLLOVERRIDES"] += ";netsh.exe=n"
+        self.pc.environment["WINEDLLOVERRIDES"] += ";netsh.exe=n" + app.NO_DIRECT3D
         netsh = self.pc.drive_c / "windows/system32/netsh.exe"
         netsh.unlink()  # a link to what all machines share
         shutil.copy(NETSH, netsh)
@@ -140,12 +141,19 @@ class InstallTest(harness.E2ETest):
         self.assertEqual(viewer.program.wait(), 0)
         self.assertTrue((self.user_data / "tiles.bin").exists())
 
-        # Again, elsewhere, with less: what was there goes, and the host ends for it.
+        # Again, with less: what was there goes, and the host ends for it.
         self.install()
         self.assertEqual(host.program.wait(), 0)
         self.assertEqual(self.in_folder(folder), ALWAYS)
         self.assertEqual(self.netsh_calls(), [rule, f"firewall delete rule {RULE} {program}"])
         self.assertIsNone(self.registry(RUN, "qv"))
+
+        # And elsewhere.
+        self.install(r"/D=C:\apps\other")
+        self.assertFalse(folder.exists())
+        folder = folder.parent / "other"
+        self.assertEqual(self.in_folder(folder), ALWAYS)
+        self.assertEqual(self.registry(UNINSTALL, "InstallLocation"), r"C:\apps\other")
 
         self.uninstall("/REMOVEDATA", folder=folder)
         self.assertEqual(self.new_files(), ["apps"])

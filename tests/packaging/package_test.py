@@ -15,6 +15,7 @@ import unittest
 import zipfile
 
 import jsonschema
+import pefile
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent.parent
 SCHEMA = ROOT / "build/deps/cyclonedx"
@@ -99,6 +100,17 @@ class PackageTest(unittest.TestCase):
         readme = held[top + "README.txt"]
         self.assertTrue(readme.startswith(f"qv {self.version}\r\n".encode()))
         self.assertNotRegex(readme, rb"@\w+@")
+
+    def test_the_installer_is_of_64_bits_and_asks_for_rights(self):
+        image = pefile.PE(self.installer)
+        amd64 = 0x8664
+        self.assertEqual(image.FILE_HEADER.Machine, amd64)
+        data = self.installer.read_bytes()
+        self.assertIn(b'requestedExecutionLevel level="requireAdministrator"', data)
+        (fixed,) = image.VS_FIXEDFILEINFO
+        major, minor, patch = map(int, self.version.split("."))
+        self.assertEqual((fixed.ProductVersionMS, fixed.ProductVersionLS),
+                         (major << 16 | minor, patch << 16))
 
     def test_the_bill_of_materials_is_valid_and_whole(self):
         bill = json.loads(self.bill.read_text())
