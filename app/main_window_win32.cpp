@@ -51,9 +51,16 @@ static HWND create_control(const char *class_name, const char *text, DWORD style
     return control;
 }
 
-static HWND create_text(const char *text, control_place at, HFONT font = nullptr)
+static HWND create_text(const char *text, control_place at)
 {
-    return create_control("STATIC", text, 0, at, 0, font);
+    return create_control("STATIC", text, 0, at, 0);
+}
+
+// For texts that are not ours: a '&' in a password is to be seen, not to underline what
+// follows.
+static HWND create_label(const char *text, control_place at, HFONT font = nullptr)
+{
+    return create_control("STATIC", text, SS_NOPREFIX, at, 0, font);
 }
 
 static HWND create_button(const char *text, control_place at, int32_t id, DWORD style = 0)
@@ -70,13 +77,13 @@ static HWND create_edit(control_place at, int32_t id, DWORD style = 0)
 static void create_controls()
 {
     create_text("This computer", {16, 12, 300, 20});
-    controls.id_label = create_text("--- --- ---", {16, 36, 300, 36}, id_font);
+    controls.id_label = create_label("--- --- ---", {16, 36, 300, 36}, id_font);
     create_button("Copy ID", {330, 40, 90, 26}, COMMAND_COPY_ID);
     create_text("Password:", {16, 84, 80, 20});
-    controls.password_label = create_text("", {96, 84, 150, 20});
+    controls.password_label = create_label("", {96, 84, 150, 20});
     create_button("Copy", {250, 80, 70, 26}, COMMAND_COPY_PASSWORD);
     create_button("Set password...", {330, 80, 120, 26}, COMMAND_SET_PASSWORD);
-    controls.status_label = create_text("Starting...", {16, 112, 440, 20});
+    controls.status_label = create_label("Starting...", {16, 112, 440, 20});
 
     create_text("Connect to another computer", {16, 146, 300, 20});
     create_text("ID (or host:port on the LAN)", {16, 170, 200, 18});

@@ -14,6 +14,7 @@ STATIC, BUTTON, EDIT = "Static", "Button", "Edit"
 
 # Styles, as the system's headers define them.
 WS_TABSTOP, WS_VISIBLE = 0x00010000, 0x10000000
+SS_NOPREFIX = 0x80
 BS_DEFPUSHBUTTON, ES_AUTOHSCROLL, ES_PASSWORD = 0x1, 0x80, 0x20
 LVS_REPORT, LVS_SINGLESEL, LVS_SHOWSELALWAYS = 0x1, 0x4, 0x8
 
@@ -63,13 +64,13 @@ class AppWindowTest(AppCase, harness.E2ETest):
         tab = WS_TABSTOP
         places = [
             (STATIC, "This computer", 0, 16, 12, 300, 20, 0),
-            (STATIC, None, 0, 16, 36, 300, 36, 0),
+            (STATIC, None, SS_NOPREFIX, 16, 36, 300, 36, 0),
             (BUTTON, "Copy ID", tab, 330, 40, 90, 26, 102),
             (STATIC, "Password:", 0, 16, 84, 80, 20, 0),
-            (STATIC, None, 0, 96, 84, 150, 20, 0),
+            (STATIC, None, SS_NOPREFIX, 96, 84, 150, 20, 0),
             (BUTTON, "Copy", tab, 250, 80, 70, 26, 103),
             (BUTTON, "Set password...", tab, 330, 80, 120, 26, 101),
-            (STATIC, None, 0, 16, 112, 440, 20, 0),
+            (STATIC, None, SS_NOPREFIX, 16, 112, 440, 20, 0),
             (STATIC, "Connect to another computer", 0, 16, 146, 300, 20, 0),
             (STATIC, "ID (or host:port on the LAN)", 0, 16, 170, 200, 18, 0),
             (STATIC, "Password", 0, 236, 170, 120, 18, 0),
@@ -367,6 +368,10 @@ class AppConnectTest(AppCase, harness.E2ETest):
             self.fails(qv, "cannot resolve host")
         self.assertEqual(qv.rows(), [])
         self.assertFalse(app.history_path(qv.machine).exists())
+        # Exit with a message box of the main window's open.
+        qv.fill(app.TARGET, "")
+        qv.click(app.CONNECT)
+        self.check_box(qv, "qv", empty)
         self.assertEqual(qv.exit(), 0)
 
     def test_direct_sessions_one_at_a_time(self):
@@ -519,6 +524,8 @@ class AppRelayTest(AppCase, harness.E2ETest):
             self.assertFalse(running.is_waiting(room))
             looks.connect(room, "x")
             self.assertEqual(looks.wait_box("qv - could not connect"), AUTHENTICATION_FAILED)
+            # Exit with a box open that waits on the viewer's thread.
+            self.assertEqual(looks.exit(), 0)
 
 
 class AppHistoryTest(AppCase, harness.E2ETest):
