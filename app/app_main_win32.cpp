@@ -84,7 +84,9 @@ int WINAPI WinMain(HINSTANCE instance, HINSTANCE, LPSTR, int)
 {
     system_library_restrict();
     HANDLE single = CreateMutexA(nullptr, TRUE, "Local\\qv_app_single_instance");
-    if (GetLastError() == ERROR_ALREADY_EXISTS) {
+    const DWORD error = GetLastError();
+    // Denied: there is one, made by an instance of higher rights.
+    if (error == ERROR_ALREADY_EXISTS || error == ERROR_ACCESS_DENIED) {
         show_running_instance();
         return 0;
     }

@@ -15,6 +15,8 @@
 namespace app
 {
 
+static_assert(INPUT_TEXT_SIZE == HISTORY_TEXT_SIZE, "what the dialog takes is a nickname");
+
 void history_list_columns()
 {
     static const struct {
