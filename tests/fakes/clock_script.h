@@ -5,7 +5,8 @@
 #include <atomic>
 #include <stdint.h>
 
-// What clock_ms returns, and clock_us a thousand times. clock_sleep_ms adds its milliseconds and returns at once.
+// What clock_ms returns, and clock_us a thousand times. clock_sleep_ms adds its milliseconds
+// and returns at once.
 extern std::atomic<uint32_t> clock_script_now;
 
 // Called once, in the middle of the next clock_ms: the time is taken, the caller does not
