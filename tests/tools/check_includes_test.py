@@ -28,6 +28,7 @@ SOUND = {
     "relay/server.h": '#include "protocol/relay_hello.h"\n',
     "relay/server.cpp": '#include "relay/server.h"\n#include <asio/read.hpp>\n'
                         "#include <netinet/tcp.h>\n",
+    "relay/accept_win32.cpp": '#include "protocol/win32.h"\n#include <mswsock.h>\n',
     "app/main.cpp": '#include "viewer/frame_decode.h"\n#include "host/screen.h"\n',
 }
 
@@ -105,6 +106,9 @@ class CheckIncludesTest(unittest.TestCase):
             self.complaint("host/new_win32.cpp", '#include "protocol/win32.h"\n'),
             "host/new_win32.cpp:1: the header that it implements, in host/, is not included "
             "first")
+        self.assertEqual(
+            self.complaint("relay/new.cpp", "#include <asio/read.hpp>\n"),
+            "relay/new.cpp:1: the header that it implements, in relay/, is not included first")
 
     def test_paths_start_at_the_top(self):
         for text in ('"screen.h"', '"../host/screen.h"', '"host/../identity/data_dir.h"',
