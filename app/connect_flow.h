@@ -20,6 +20,8 @@ void connect_selected_history();
 void connect_session_ended();
 
 // For viewer::on_connected. Notes who was reached and tells the main window. Session's thread.
+// Kept on purpose: a session knows 18 characters of its target, so a longer address goes into
+// the history cut to those.
 void on_viewer_connected(const char *host_name, const char *target);
 
 // Whom the present session reached. Written by the session's thread before it posts

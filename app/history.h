@@ -45,7 +45,7 @@ int32_t history_find(const char *id);
 
 // A host was reached under this target: its entry, a new one if need be, comes to the front
 // with this time. An empty computer name leaves the known one. A full table takes no new
-// target. Saves what it changed.
+// target (kept on purpose: none is forgotten for it). Saves what it changed.
 void history_record(const char *target, const char *computer, const char *when);
 
 // Both do nothing for an index that has no entry, and save otherwise.

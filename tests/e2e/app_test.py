@@ -58,6 +58,15 @@ class AppWindowTest(AppCase, harness.E2ETest):
 
         self.assertEqual(qv.exit(), 0)
 
+    def test_a_start_while_another_is_only_starting(self):
+        # There is the mutex, and no window yet: the start ends without a word.
+        pc = self.pc()
+        tool = pc.start(harness.PROBES / "probe_tool.exe", "claim",
+                        r"Local\qv_app_single_instance")
+        tool.wait_line("claimed 1")
+        self.assertEqual(pc.run(app.PROGRAM), (0, ""))
+        self.assertFalse(pc.data_dir.exists())
+
     def check_places(self, qv):
         left, top, _, _ = qv.window().client
         # class, text, style, x, y, width, height, number; None is what changes
@@ -358,7 +367,14 @@ class AppConnectTest(AppCase, harness.E2ETest):
         qv.close_box()
         self.assertTrue(qv.is_idle())
 
-        qv.connect("no-such-host.invalid", "x")
+        # Tab goes from field to field.
+        qv.click(app.TARGET)
+        qv.type("no-such-host.invalid")
+        qv.key("Tab")
+        qv.type("x")
+        harness.wait_for("typed", lambda: qv.control(app.PASSWORD).text == "x")
+        self.assertEqual(qv.control(app.TARGET).text, "no-such-host.invalid")
+        qv.click(app.CONNECT)
         self.fails(qv, "cannot resolve host")
         qv.connect("127.0.0.1", "x")
         self.fails(qv, "connection failed")

@@ -2,6 +2,7 @@
 // hold. Tests run it inside the Wine prefix that they ask about.
 //
 //   probe_tool stay                     keeps the desktop up: never ends
+//   probe_tool claim NAME               owns the mutex of that name: never ends
 //   probe_tool list                     every visible top-level window, one line each
 //   probe_tool text TITLE [CLASS]       text of the window, or of its first child of CLASS
 //   probe_tool controls TITLE           every control in the window: class, number, 1 if it can
@@ -219,6 +220,12 @@ int main(int argc, char **argv)
     const char *verb = argc > 1 ? argv[1] : "";
     if (strcmp(verb, "stay") == 0) {
         GetDesktopWindow();
+        Sleep(INFINITE);
+    }
+    if (strcmp(verb, "claim") == 0 && argc == 3) {
+        const HANDLE mutex = CreateMutexA(nullptr, TRUE, argv[2]);
+        printf("claimed %d\n", mutex && GetLastError() == 0);
+        fflush(stdout);
         Sleep(INFINITE);
     }
     if (strcmp(verb, "list") == 0) {
