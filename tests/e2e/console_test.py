@@ -4,6 +4,7 @@
 import re
 import time
 
+import cell_reader
 import harness
 
 WM_CLOSE = 0x0010
@@ -13,6 +14,28 @@ NO_LAYER = r"qv - .*  misses \d+"
 HOST_SIZE = (1280, 800)
 X, Y, COLUMNS, ROWS = 160, 128, 80, 24  # tiles 3 to 11 across and 2 to 7 down are covered
 CELL = (8, 16)
+# What console_double writes, by row.
+PAGE = dict(enumerate((
+    "This is page 1.",
+    "",
+    "C:\\work>dir",
+    "",
+    " Directory of C:\\work",
+    "",
+    "2026-11-02  09:14    <DIR>          .",
+    "2026-11-02  09:14    <DIR>          ..",
+    "2026-11-02  09:20             4,817 notes.txt",
+    "2026-11-03  17:41           128,512 table.csv",
+    "2026-11-05  08:02                96 start.cmd",
+    "               3 File(s)        133,425 bytes",
+    "",
+    "C:\\work>start.cmd",
+    "warning: 2 rows of table.csv have no date",
+    "error: the printer is out of paper",
+    "A status line, white on blue: {[(|)]} il1 O0 #$%&@",
+    "",
+    "C:\\work>_",
+)))
 
 
 class ConsoleCase:
@@ -77,12 +100,14 @@ class ConsoleSmallTest(ConsoleCase, harness.E2ETest):
         viewer.wait_title(NO_LAYER)
         pixels = self.settled(viewer)
         self.keep("half-size-pixels", pixels)
-        # A picture of a few letters: neither is blank, and they are not the same.
-        for picture in (text, pixels):
-            colours = harness.numpy.unique(picture[inside].reshape(-1, 3), axis=0)
-            self.assertGreater(len(colours), 4)
-        unlike = (text[inside] != pixels[inside]).any(axis=2)
-        self.assertGreater(unlike.mean(), 0.03)
+        # The layer's text can be read, that of the scaled pixels at best guessed. When this was
+        # written 91 % and 54 % of the characters were read right: in cells of 4 x 8 pixels an n
+        # is much like an m.
+        reader = cell_reader.CellReader("".join(PAGE.values()).replace(" ", ""), 4, 8)
+        read = {name: reader.share_read(picture[inside], PAGE)
+                for name, picture in (("text", text), ("pixels", pixels))}
+        self.assertGreater(read["text"], 0.8, read)
+        self.assertGreater(read["text"], read["pixels"] + 0.15, read)
         # The white-on-blue row is one in both, at the same place.
         row = top + 16 * CELL[1] // 2 + 3
         for picture in (text, pixels):
