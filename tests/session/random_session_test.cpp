@@ -165,6 +165,16 @@ static void fit_grid()
     }
 }
 
+// Whether the layer that the viewer was told of last covers all of a tile.
+static bool under_console(int32_t tx, int32_t ty)
+{
+    const text_layer_head &text = run.text;
+    int64_t x = (int64_t)tx * TILE_SIZE, y = (int64_t)ty * TILE_SIZE;
+    return text.rows != 0 && text.x <= x && text.y <= y &&
+           (int64_t)text.x + text.w >= x + TILE_SIZE &&
+           (int64_t)text.y + text.h >= y + TILE_SIZE;
+}
+
 // Looks at the messages that the host appended since the last look; returns how many tiles.
 static int32_t look_at_messages()
 {
@@ -244,7 +254,7 @@ static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
             int64_t tile = grid_tile(tx, ty);
             if (tile < 0)
                 continue;
-            if (screen.dirty_map[tile] == 0 || host::text_layer_covers(tx, ty)) {
+            if (screen.dirty_map[tile] == 0 || under_console(tx, ty)) {
                 run.waited[(size_t)tile] = 0;
                 continue;
             }
@@ -648,7 +658,7 @@ static void check_certain_tiles(bool at_rest) NO_THREAD_SAFETY_ANALYSIS
                 continue;
             }
             bool known = run.missed[(size_t)grid_tile(tx, ty)] != 0 ||
-                         host::text_layer_covers(tx, ty); // its turn comes when that goes
+                         under_console(tx, ty); // its turn comes when that goes
             MUST(!at_rest || known);
         }
     happened["certain tiles compared"]++;
@@ -688,7 +698,7 @@ static void check_picture() NO_THREAD_SAFETY_ANALYSIS
                 MUST(viewer_shows(black, TILE_ROW_BYTES, tx, ty));
                 continue;
             }
-            if (host::text_layer_covers(tx, ty)) {
+            if (under_console(tx, ty)) {
                 happened["tile under a console"]++;
                 continue;
             }
