@@ -28,7 +28,7 @@ static constexpr uint64_t WHOLE = 134283280;     // 65552 + 8192 * 16384
 static constexpr size_t CACHE_BYTES = 128 << 20; // and 64 KiB of keys, 4 KiB of ways
 
 // The other targets let so large an allocation fail.
-extern "C" const char *__asan_default_options()
+const char *fuzz_sanitizer_options()
 {
     return "allocator_may_return_null=1:max_allocation_size_mb=160:quarantine_size_mb=1:"
            "detect_stack_use_after_return=0";

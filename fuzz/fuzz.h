@@ -23,8 +23,12 @@
         }                                                                                      \
     } while (0)
 
-// Allocations above this fail in every target, as they do where memory is short (fuzz.cpp).
+// Allocations above this fail in every target that has no options of its own, as they do where
+// memory is short (fuzz.cpp).
 constexpr uint64_t FUZZ_ALLOCATION_MAX = 64u << 20;
+
+// Options of the AddressSanitizer, read before anything else runs.
+const char *fuzz_sanitizer_options();
 
 // The rest of the input. Reading past its end gives zeros.
 struct fuzz_input {
