@@ -1,6 +1,6 @@
 # Front door. CMake builds (CMakePresets.json); this file only has the handy names.
 
-.PHONY: help setup windows package relay test fuzz soak mutate bench demo screenshots
+.PHONY: help setup windows package relay test fuzz soak mutate bench bench-relay demo screenshots
 help:
 	@echo "make demo      build all, then show a host's screen in a viewer, last by the desktop"
 	@echo "               application (KEEP=1: stay up; RELAY=1: through a relay from the start)"
@@ -12,6 +12,7 @@ help:
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
 	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed)"
+	@echo "make bench-relay  the relay, beside plain TCP forwards (five minutes; docs/relay.md)"
 	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
 	@echo "make screenshots   the pictures of the desktop application in docs/images/"
 	@echo
@@ -50,6 +51,9 @@ mutate: setup
 # Under three minutes; docs/performance.md says how to read it.
 bench: setup
 	@tools/bench $(if $(BASE),--base $(BASE))
+
+bench-relay: relay
+	@tools/bench_relay
 
 demo: windows relay
 	cmake --build --preset mingw-release --parallel 2 --target probe_tool console_double

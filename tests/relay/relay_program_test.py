@@ -11,6 +11,7 @@ and must happen is awaited first.
 import contextlib
 import os
 import random
+import selectors
 import signal
 import socket
 import struct
@@ -827,6 +828,44 @@ class PassingOnTest(unittest.TestCase):
             self.assertEqual(relay.metric('qv_relay_bytes_total{to="host"}') +
                              relay.metric('qv_relay_bytes_total{to="viewer"}'),
                              sum(len(data) for _, _, data, _ in flows) + 6 * 96)
+
+    def test_five_hundred_pairs_at_once_each_get_their_own_bytes(self):
+        # Each side of each pair sends bytes of its own, all at the same time, in pieces.
+        size, count = 24_000, 500
+        wide = [option for name in ("connections", "connections-per-address", "accept-burst")
+                for option in ("--" + name, "10000")]
+        with Relay(*wide) as relay:
+            hosts = [relay.connect(hello(HOST, str(n))) for n in range(count)]
+            relay.wait_metric('qv_relay_waiting{role="host"}', count)
+            viewers = [relay.connect(hello(VIEWER, str(n))) for n in range(count)]
+            relay.wait_metric("qv_relay_pairs", count)
+            chooser = selectors.DefaultSelector()
+            flows = {}  # connection: what it still has to send and is still to get
+            for n, pair in enumerate(zip(hosts, viewers)):
+                data = [random.Random(2 * n + side).randbytes(size) for side in range(2)]
+                for side, connection in enumerate(pair):
+                    connection.setblocking(False)
+                    flows[connection] = [data[side], data[1 - side]]
+                    chooser.register(connection, selectors.EVENT_READ | selectors.EVENT_WRITE)
+            left = len(flows)
+            end = time.monotonic() + PATIENCE
+            while left > 0:
+                self.assertLess(time.monotonic(), end)
+                for key, events in chooser.select(1):
+                    flow = flows[key.fileobj]
+                    if events & selectors.EVENT_WRITE:
+                        if flow[0]:
+                            flow[0] = flow[0][key.fileobj.send(flow[0][:4000]):]
+                        else:
+                            chooser.modify(key.fileobj, selectors.EVENT_READ)
+                    if events & selectors.EVENT_READ:
+                        got = key.fileobj.recv(65536)
+                        self.assertTrue(got and flow[1].startswith(got))
+                        flow[1] = flow[1][len(got):]
+                        left -= not flow[1]
+            for connection in flows:
+                self.assertTrue(is_silent(connection))
+            self.assertEqual(relay.metric("qv_relay_pairs"), count)
 
 
 class MetricsTest(unittest.TestCase):
