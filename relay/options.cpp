@@ -8,6 +8,8 @@
 #include <charconv>
 #include <cstdio>
 #include <fstream>
+#include <type_traits>
+#include <variant>
 
 namespace relay
 {
@@ -139,6 +141,63 @@ static CLI::Validator between(double least, double most)
         "");
 }
 
+// A number that can be set: where it is kept, its default and its range.
+struct number {
+    const char *name;
+    std::variant<double options::*, std::uint32_t options::*> field;
+    double preset, least, most;
+    const char *text;
+};
+
+static constexpr number NUMBERS[] = {
+    {"--hello-seconds", &options::hello_seconds, 5, 0.1, 60, "from accept to a whole hello"},
+    {"--viewer-wait-seconds", &options::viewer_wait_seconds, 10, 0, 300,
+     "how long a viewer waits for its host"},
+    {"--handshake-seconds", &options::handshake_seconds, 10, 0.1, 60,
+     "from pairing to the end of the handshake"},
+    {"--half-closed-seconds", &options::half_closed_seconds, 5, 0, 300,
+     "how long one side may go on after the other has ended"},
+    {"--drain-seconds", &options::drain_seconds, 600, 0, 86400,
+     "how long pairs may go on once the relay was told to end"},
+    {"--keep-alive-seconds", &options::keep_alive_seconds, 30, 1, 3600,
+     "how long a connection may be silent before it is probed"},
+    {"--probe-seconds", &options::probe_seconds, 10, 1, 600, "from one probe to the next"},
+    {"--probes", &options::probes, 3, 1, 100, "probes without an answer that end it"},
+    {"--user-timeout-seconds", &options::user_timeout_seconds, 60, 1, 3600,
+     "how long a peer may acknowledge nothing"},
+    {"--logins-per-room", &options::logins_per_room, 10, 1, 10000,
+     "failed log-ins a minute to one ID, then back-off"},
+    {"--logins-per-address", &options::logins_per_address, 5, 1, 10000,
+     "failed log-ins a minute from one address, then back-off"},
+    {"--connections", &options::connections, 4000, 1, 1000000, "connections in all"},
+    {"--connections-per-address", &options::connections_per_address, 200, 1, 1000000,
+     "connections of one address"},
+    {"--accepts-per-address", &options::accepts_per_address, 20, 0.01, 100000,
+     "new connections a second from one address"},
+    {"--accept-burst", &options::accept_burst, 100, 1, 1000000,
+     "new connections of one address that may come at once"},
+    {"--rooms", &options::rooms, 1000, 1, 1000000, "rooms, that is IDs, at the same time"},
+    {"--viewers-per-room", &options::viewers_per_room, 8, 1, 1000,
+     "viewers that wait for one host"},
+    {"--buffer-bytes", &options::buffer_bytes, 262144, 1024, 16777216,
+     "buffer of one direction of a pair"},
+    {"--pair-bytes-per-second", &options::pair_bytes_per_second, 125e6, 1000, 100e9,
+     "both directions of one pair"},
+    {"--total-bytes-per-second", &options::total_bytes_per_second, 1000e6, 1000, 100e9,
+     "all pairs together"},
+};
+
+static void add_number(CLI::App &app, options &o, const number &n)
+{
+    const auto add = [&](auto member) {
+        o.*member = static_cast<std::remove_reference_t<decltype(o.*member)>>(n.preset);
+        return app.add_option(n.name, o.*member,
+                              std::string(n.text) + " (" + plain_number(n.preset) + "; " +
+                                  plain_number(n.least) + " to " + plain_number(n.most) + ")");
+    };
+    std::visit(add, n.field)->check(between(n.least, n.most))->type_name("N");
+}
+
 parsed_options parse_options(int argc, const char *const *argv)
 {
     CLI::App app("Relay for qv: hosts wait here in the room of their ID, viewers join them.",
@@ -165,50 +224,8 @@ parsed_options parse_options(int argc, const char *const *argv)
                    "only these IDs: a file with one a line (any ID)")
         ->type_name("FILE");
 
-    const auto number = [&](const std::string &name, auto &value, auto preset, double least,
-                            double most, const std::string &text) {
-        value = preset;
-        app.add_option(name, value,
-                       text + " (" + plain_number(preset) + "; " + plain_number(least) +
-                           " to " + plain_number(most) + ")")
-            ->check(between(least, most))
-            ->type_name("N");
-    };
-    number("--hello-seconds", o.hello_seconds, 5, 0.1, 60, "from accept to a whole hello");
-    number("--viewer-wait-seconds", o.viewer_wait_seconds, 10, 0, 300,
-           "how long a viewer waits for its host");
-    number("--handshake-seconds", o.handshake_seconds, 10, 0.1, 60,
-           "from pairing to the end of the handshake");
-    number("--half-closed-seconds", o.half_closed_seconds, 5, 0, 300,
-           "how long one side may go on after the other has ended");
-    number("--drain-seconds", o.drain_seconds, 600, 0, 86400,
-           "how long pairs may go on once the relay was told to end");
-    number("--keep-alive-seconds", o.keep_alive_seconds, 30, 1, 3600,
-           "how long a connection may be silent before it is probed");
-    number("--probe-seconds", o.probe_seconds, 10, 1, 600, "from one probe to the next");
-    number("--probes", o.probes, 3, 1, 100, "probes without an answer that end it");
-    number("--user-timeout-seconds", o.user_timeout_seconds, 60, 1, 3600,
-           "how long a peer may acknowledge nothing");
-    number("--logins-per-room", o.logins_per_room, 10, 1, 10000,
-           "failed log-ins a minute to one ID, then back-off");
-    number("--logins-per-address", o.logins_per_address, 5, 1, 10000,
-           "failed log-ins a minute from one address, then back-off");
-    number("--connections", o.connections, 4000, 1, 1000000, "connections in all");
-    number("--connections-per-address", o.connections_per_address, 200, 1, 1000000,
-           "connections of one address");
-    number("--accepts-per-address", o.accepts_per_address, 20, 0.01, 100000,
-           "new connections a second from one address");
-    number("--accept-burst", o.accept_burst, 100, 1, 1000000,
-           "new connections of one address that may come at once");
-    number("--rooms", o.rooms, 1000, 1, 1000000, "rooms, that is IDs, at the same time");
-    number("--viewers-per-room", o.viewers_per_room, 8, 1, 1000,
-           "viewers that wait for one host");
-    number("--buffer-bytes", o.buffer_bytes, 262144, 1024, 16777216,
-           "buffer of one direction of a pair");
-    number("--pair-bytes-per-second", o.pair_bytes_per_second, 125e6, 1000, 100e9,
-           "both directions of one pair");
-    number("--total-bytes-per-second", o.total_bytes_per_second, 1000e6, 1000, 100e9,
-           "all pairs together");
+    for (const number &n : NUMBERS)
+        add_number(app, o, n);
     app.add_flag("--quiet", o.quiet, "log only what is refused or goes wrong");
     app.set_config("--config", "", "a file with any of these: one 'name = value' a line")
         ->type_name("FILE");

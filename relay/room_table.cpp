@@ -39,30 +39,39 @@ void room_table::drop_if_empty(room_map::iterator it)
         rooms_.erase(it);
 }
 
+static outcome refused(refusal why)
+{
+    outcome o;
+    o.refused = why;
+    return o;
+}
+
+// Null when there are too many.
+room_table::room *room_table::find_or_make(const std::string &name)
+{
+    const auto it = rooms_.find(name);
+    if (it != rooms_.end())
+        return &it->second;
+    if (rooms_.size() >= limits_.rooms)
+        return nullptr;
+    return &rooms_.try_emplace(name).first->second;
+}
+
 outcome room_table::host_arrives(connection_id id, const std::string &room_name,
                                  const std::string &name, const asio::ip::address &address)
 {
     outcome o;
-    auto it = rooms_.find(room_name);
-    if (it == rooms_.end()) {
-        if (rooms_.size() >= limits_.rooms) {
-            o.refused = refusal::rooms;
-            return o;
-        }
-        it = rooms_.try_emplace(room_name).first;
-    }
-    room &r = it->second;
+    room *const found = find_or_make(room_name);
+    if (found == nullptr)
+        return refused(refusal::rooms);
+    room &r = *found;
     host h = {.id = id, .name = name, .address = address};
 
-    if (r.owner.id != 0 && r.owner.name != name) {
-        o.refused = refusal::room_taken;
-        return o;
-    }
+    if (r.owner.id != 0 && r.owner.name != name)
+        return refused(refusal::room_taken);
     if (r.owner.id != 0 && r.owner.address != address) {
-        if (r.next.id != 0 && r.next.address != address) {
-            o.refused = refusal::line_taken;
-            return o;
-        }
+        if (r.next.id != 0 && r.next.address != address)
+            return refused(refusal::line_taken);
         if (r.next.id != 0) {
             o.close.push_back(r.next.id);
             where_.erase(r.next.id);
@@ -86,19 +95,12 @@ outcome room_table::host_arrives(connection_id id, const std::string &room_name,
 outcome room_table::viewer_arrives(connection_id id, const std::string &room_name)
 {
     outcome o;
-    auto it = rooms_.find(room_name);
-    if (it == rooms_.end()) {
-        if (rooms_.size() >= limits_.rooms) {
-            o.refused = refusal::rooms;
-            return o;
-        }
-        it = rooms_.try_emplace(room_name).first;
-    }
-    room &r = it->second;
-    if (r.viewers.size() >= limits_.viewers_per_room) {
-        o.refused = refusal::viewers_in_room;
-        return o;
-    }
+    room *const found = find_or_make(room_name);
+    if (found == nullptr)
+        return refused(refusal::rooms);
+    room &r = *found;
+    if (r.viewers.size() >= limits_.viewers_per_room)
+        return refused(refusal::viewers_in_room);
     r.viewers.push_back(id);
     waiting_viewers_++;
     where_[id] = room_name;

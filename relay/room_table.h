@@ -90,6 +90,7 @@ class room_table
     };
     using room_map = std::unordered_map<std::string, room>;
 
+    room *find_or_make(const std::string &name);
     // Brings the first waiting viewer and a free owner together.
     void match(room &r, outcome &o);
     void set_owner(room &r, host h);
