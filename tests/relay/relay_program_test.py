@@ -412,7 +412,7 @@ class LimitsTest(unittest.TestCase):
         with Relay("--connections", "3") as relay:
             hosts = [relay.host(str(n), address=f"127.0.0.{n + 1}") for n in range(3)]
             self.assertTrue(relay.refused("connections", hello(HOST, "9")))
-            self.assertEqual(relay.metric("qv_relay_connections"), 3)
+            relay.wait_metric("qv_relay_connections", 3)
             hosts[0].close()
             relay.wait_metric("qv_relay_connections", 2)
             relay.host("9")
@@ -660,6 +660,15 @@ class EndTest(unittest.TestCase):
                 relay.wait_metric("qv_relay_pairs", 0)
                 relay.wait_metric("qv_relay_connections", 0)
                 self.assertEqual(relay.metric("qv_relay_paired_total"), 2)
+
+    def test_a_side_that_breaks_off_may_not_be_answered(self):
+        with Relay("--half-closed-seconds", "300") as relay:
+            for host_breaks in (True, False):
+                host, viewer = relay.pair("1")
+                reset(host if host_breaks else viewer)
+                self.assertTrue(is_closed(viewer if host_breaks else host))
+                relay.wait_metric("qv_relay_pairs", 0)
+                relay.wait_metric("qv_relay_connections", 0)  # whose test end is still open
 
     def test_what_was_sent_before_the_end_arrives(self):
         data = random.randbytes(3 << 20)
