@@ -312,10 +312,10 @@ static bool read_proxy_header(fuzz_input *in, const place &from, asio::ip::addre
     return *said == client; // nowhere that the model knows, otherwise
 }
 
-static void connect(script &s, fuzz_input *in)
+// A connection from there, which says so itself or has a proxy say it. Its number; 0 when it
+// was not taken.
+static connection_id connect(script &s, const place &from, fuzz_input *proxy_header)
 {
-    const uint8_t which = take_u8(in);
-    const place &from = PLACES[which % std::size(PLACES)];
     const size_t before = s.peers.size();
     peer p = {.known = std::make_unique<guest>(++s.last_id), .from = &from};
     guest &g = *p.known;
@@ -323,12 +323,12 @@ static void connect(script &s, fuzz_input *in)
     const bool is_full = before + 1 > s.settings.connections;
     if (is_refused(s, g.id, s.tested->opens(g, s.now),
                    is_full ? refusal::connections : refusal::none))
-        return;
+        return 0;
     s.peers.back().deadline = s.now + 5;
     g.address = asio::ip::make_address(from.address);
-    if (which & 0x80 && !read_proxy_header(in, from, &g.address)) {
+    if (proxy_header && !read_proxy_header(proxy_header, from, &g.address)) {
         forget(s, g.id);
-        return;
+        return 0;
     }
     rate_model &rate = s.accepts
                            .try_emplace(from.key, rate_model{s.settings.accepts_per_address,
@@ -343,7 +343,8 @@ static void connect(script &s, fuzz_input *in)
         due = refusal::accept_rate;
     else if ((size_t)from_there > s.settings.connections_per_address)
         due = refusal::connections_of_address;
-    is_refused(s, g.id, s.tested->arrives(g, s.now), due);
+    const connection_id id = g.id;
+    return is_refused(s, id, s.tested->arrives(g, s.now), due) ? 0 : id;
 }
 
 static refusal due_refusal(script &s, const peer &p)
@@ -375,28 +376,18 @@ static refusal due_refusal(script &s, const peer &p)
     return refusal::none;
 }
 
-static void greet(script &s, fuzz_input *in)
+static std::vector<uint8_t> hello_of(char role, const char *room, const char *name)
 {
-    std::vector<connection_id> connected;
-    for (const peer &p : s.peers)
-        if (p.at == stage::connected)
-            connected.push_back(p.known->id);
-    if (connected.empty())
-        return;
-    const connection_id id = connected[take_u8(in) % connected.size()];
-    const uint8_t kind = take_u8(in);
     std::vector<uint8_t> bytes(RELAY_HELLO_BYTES);
     memcpy(bytes.data(), "QVRL\x02", 5);
-    bytes[5] = kind & 1 ? 'H' : 'V';
-    const char *room = ROOMS[take_u8(in) % std::size(ROOMS)];
+    bytes[5] = (uint8_t)role;
     memcpy(&bytes[6], room, strlen(room));
-    const char *name = NAMES[(kind >> 1) % std::size(NAMES)];
     memcpy(&bytes[24], name, strlen(name));
-    if (kind >= 0xE0) {
-        take_damage(in, &bytes);
-        bytes.resize(RELAY_HELLO_BYTES);
-    }
+    return bytes;
+}
 
+static void greet(script &s, connection_id id, const std::vector<uint8_t> &bytes)
+{
     s.peers.splice(s.peers.end(), s.peers,
                    std::find_if(s.peers.begin(), s.peers.end(),
                                 [&](const peer &p) { return p.known->id == id; }));
@@ -458,6 +449,47 @@ static void greet(script &s, fuzz_input *in)
         check_nothing(s.tested->ends(old_id));
 }
 
+static void greet_somehow(script &s, fuzz_input *in)
+{
+    std::vector<connection_id> connected;
+    for (const peer &p : s.peers)
+        if (p.at == stage::connected)
+            connected.push_back(p.known->id);
+    if (connected.empty())
+        return;
+    const connection_id id = connected[take_u8(in) % connected.size()];
+    const uint8_t kind = take_u8(in);
+    std::vector<uint8_t> bytes =
+        hello_of(kind & 1 ? 'H' : 'V', ROOMS[take_u8(in) % std::size(ROOMS)],
+                 NAMES[(kind >> 1) % std::size(NAMES)]);
+    if (kind >= 0xE0) {
+        take_damage(in, &bytes);
+        bytes.resize(RELAY_HELLO_BYTES);
+    }
+    greet(s, id, bytes);
+}
+
+// So many sessions of a room whose viewer has a wrong password, one after the other.
+static void fail_to_log_in(script &s, fuzz_input *in)
+{
+    const char *room = ROOMS[take_u8(in) % std::size(ROOMS)];
+    const place &from = PLACES[take_u8(in) % std::size(PLACES)];
+    for (uint32_t times = 1 + take_below(in, 12); times > 0; times--) {
+        const connection_id host = connect(s, PLACES[1], nullptr);
+        if (host != 0)
+            greet(s, host, hello_of('H', room, NAMES[0]));
+        const connection_id viewer = connect(s, from, nullptr);
+        if (viewer != 0)
+            greet(s, viewer, hello_of('V', room, NAMES[0]));
+        for (running_pair &p : s.pairs)
+            if (p.viewer == viewer) {
+                p.progress = {48, 32};
+                end_pair(s, p.host, false);
+                break;
+            }
+    }
+}
+
 static void check(script &s)
 {
     FUZZ_CHECK(s.tested->is_consistent());
@@ -513,12 +545,14 @@ static void step(script &s, fuzz_input *in)
 {
     switch (take_below(in, 8)) {
     case 0:
-    case 1:
-        connect(s, in);
+    case 1: {
+        const uint8_t which = take_u8(in);
+        (void)connect(s, PLACES[which % std::size(PLACES)], which & 0x80 ? in : nullptr);
         break;
+    }
     case 2:
     case 3:
-        greet(s, in);
+        greet_somehow(s, in);
         break;
     case 4:
         if (!s.peers.empty())
@@ -547,7 +581,9 @@ static void step(script &s, fuzz_input *in)
         }
         break;
     default:
-        if (take_u8(in) == 0xFF && !s.draining) {
+        if (take_u8(in) != 0xFF) {
+            fail_to_log_in(s, in);
+        } else if (!s.draining) {
             s.draining = true;
             s.tested->drain();
         }
@@ -570,7 +606,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     s.settings.connections = 1 + take_below(&in, 40);
     s.settings.connections_per_address = 1 + take_below(&in, 12);
     s.settings.accepts_per_address = RATES[take_below(&in, 4)];
-    s.settings.accept_burst = 1 + take_below(&in, 20);
+    s.settings.accept_burst = 1 + take_below(&in, 100);
     s.settings.logins_per_room = lists & 1 ? 7.5 : 15; // an eighth and a quarter a second
     s.settings.logins_per_address = lists & 2 ? 7.5 : 15;
     if (lists & 4) {
