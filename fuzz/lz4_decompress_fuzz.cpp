@@ -7,7 +7,7 @@
 // liblz4 asks for more than we do: a block ends in at least 5 literals and no match starts in
 // the last 12 bytes. It takes an offset of 0, which we refuse.
 #include "fuzz/fuzz.h"
-#include "fuzz/lz4_reference.h"
+#include "tests/host/lz4_reference.h"
 #include "host/lz4_block.h"
 
 #include <lz4.h>

@@ -5,7 +5,7 @@
 #define QV_FUZZ_PICTURE_MODEL_H
 
 #include "fuzz/fuzz.h"
-#include "fuzz/lz4_reference.h"
+#include "tests/host/lz4_reference.h"
 #include "protocol/messages.h"
 #include "protocol/tile.h"
 

@@ -1,6 +1,6 @@
 // The block decoder as its rules say it, byte by byte: what the fast one is held against.
-#ifndef QV_FUZZ_LZ4_REFERENCE_H
-#define QV_FUZZ_LZ4_REFERENCE_H
+#ifndef QV_TESTS_LZ4_REFERENCE_H
+#define QV_TESTS_LZ4_REFERENCE_H
 
 #include <stddef.h>
 #include <stdint.h>
