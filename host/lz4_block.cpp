@@ -12,7 +12,9 @@
 //
 // The decoder is the first thing that bytes from the network meet after their seal, and the
 // first that bytes of the cache file meet: it checks every length against both buffers
-// before it copies, in 64 bits, since extensions can add up past 32.
+// before it copies, in 64 bits, since extensions can add up past 32. It has two loops, which
+// agree on every block: an exact one, which is the definition, and a fast one for as long as
+// both buffers have room for wide copies, which is nearly all of a tile.
 //
 // The gains named below are of whole calls on 16 KiB tiles (bench/block_codec.cpp, GCC 12 -O2).
 
@@ -223,18 +225,122 @@ bool take_extension(const uint8_t **in, const uint8_t *in_end, uint64_t *length)
     return true;
 }
 
-// Copies a match of length bytes from offset bytes back to out, forwards, so that a period
-// shorter than the match repeats. room >= length is what may be written at out.
-void copy_match(uint8_t *out, uint64_t offset, uint64_t length, uint64_t room)
+void store64(uint8_t *p, uint64_t v)
 {
-    const uint8_t *from = out - offset;
-    if (offset >= 16 && room >= length + 15) {
-        for (uint64_t i = 0; i < length; i += 16)
-            memcpy(out + i, from + i, 16);
-        return;
+    memcpy(p, &v, sizeof v);
+}
+
+void store128(uint8_t *p, __m128i v)
+{
+    memcpy(p, &v, sizeof v);
+}
+
+void copy16(uint8_t *dst, const uint8_t *src)
+{
+    store128(dst, load128(src));
+}
+
+// In steps of 16, forwards. Written out: GCC makes a loop of a loop, 5 to 15 % slower.
+void copy64(uint8_t *dst, const uint8_t *src)
+{
+    copy16(dst, src);
+    copy16(dst + 16, src + 16);
+    copy16(dst + 32, src + 32);
+    copy16(dst + 48, src + 48);
+}
+
+// The decoder's copies go forwards, so that a period shorter than the match repeats.
+//
+// For periods below 8: a mask of one period's bytes, and by what they are multiplied to fill 8
+// bytes with them. The 8 bytes after those are a copy from the multiple of the period that is
+// the smallest of at least 8: from `beyond` bytes before the match.
+struct short_period {
+    uint64_t own_bytes;
+    uint64_t repeat;
+    uint32_t beyond;
+};
+constexpr short_period SHORT_PERIODS[8] = {
+    {},
+    {0xFF, 0x0101010101010101, 0},
+    {0xFFFF, 0x0001000100010001, 0},
+    {0xFFFFFF, 0x0001000001000001, 1},
+    {0xFFFFFFFF, 0x0000000100000001, 0},
+    {0xFFFFFFFFFF, 0x0000010000000001, 2},
+    {0xFFFFFFFFFFFF, 0x0001000000000001, 4},
+    {0xFFFFFFFFFFFFFF, 0x0100000000000001, 6},
+};
+
+// The first 8 bytes of a match; out has room for as many, since for short offsets bytes are
+// read there and masked away.
+uint64_t short_match(const uint8_t *out, uint64_t offset)
+{
+    uint64_t bytes = load64(out - offset);
+    if (offset >= 8)
+        return bytes;
+    return (bytes & SHORT_PERIODS[offset].own_bytes) * SHORT_PERIODS[offset].repeat;
+}
+
+// A match of at most 16 bytes; always writes 16.
+void copy_short_match(uint8_t *out, uint64_t offset)
+{
+    if (offset >= 8) {
+        store64(out, load64(out - offset));
+        store64(out + 8, load64(out - offset + 8));
+    } else {
+        store64(out, short_match(out, offset));
+        store64(out + 8, load64(out - SHORT_PERIODS[offset].beyond));
     }
-    if (offset == 1) {
-        memset(out, *from, (size_t)length);
+}
+
+bool divides_8(uint64_t period)
+{
+    return period <= 8 && (period & (period - 1)) == 0;
+}
+
+// 8 bytes as they repeat from `by` bytes further on.
+__m128i turned(uint64_t pattern, int64_t by)
+{
+    uint32_t bits = (uint32_t)(by & 7) * 8;
+    return _mm_set1_epi64x((int64_t)(pattern >> bits | pattern << ((64 - bits) & 63)));
+}
+
+// A match of at most 64 bytes whose period divides 8; always writes 64. 3 % on text.
+void fill64(uint8_t *out, uint64_t period)
+{
+    __m128i v = turned(short_match(out, period), 0);
+    store128(out, v);
+    store128(out + 16, v);
+    store128(out + 32, v);
+    store128(out + 48, v);
+}
+
+// A match of exactly length >= 16 bytes whose period divides 8: a run of one pixel, mostly.
+// Stores to aligned places: 5 % faster on flat tiles than doubling what is there.
+void fill_match(uint8_t *out, uint64_t period, int64_t length)
+{
+    uint64_t pattern = short_match(out, period);
+    uint8_t *last = out + length - 16;
+    store128(out, turned(pattern, 0));
+    store128(last, turned(pattern, length));
+    int64_t to_aligned = 16 - (int64_t)((uintptr_t)out & 15);
+    __m128i aligned = turned(pattern, to_aligned);
+    out += to_aligned;
+    while (last - out >= 48) {
+        for (int32_t i = 0; i < 64; i += 16)
+            store128(out + i, aligned);
+        out += 64;
+    }
+    while (out < last) {
+        store128(out, aligned);
+        out += 16;
+    }
+}
+
+// A match of exactly length bytes, whatever it is.
+void copy_match(uint8_t *out, uint64_t offset, uint64_t length)
+{
+    if (length >= 16 && divides_8(offset)) {
+        fill_match(out, offset, (int64_t)length);
         return;
     }
     // What lies behind `out` doubles with each copy, and every multiple of the period is a
@@ -249,6 +355,134 @@ void copy_match(uint8_t *out, uint64_t offset, uint64_t length, uint64_t room)
     memcpy(out, out - period, (size_t)length);
 }
 
+// Where a decoder stands: in before a token. Ends do not move.
+struct decoder {
+    const uint8_t *in, *in_end;
+    uint8_t *out, *out_end;
+    const uint8_t *out_begin;
+};
+
+// The rules, sequence by sequence, to the end of the block. False when it is malformed.
+bool decode_exactly(decoder *d)
+{
+    const uint8_t *in = d->in;
+    uint8_t *out = d->out;
+    while (in < d->in_end) {
+        uint8_t token = *in++;
+
+        uint64_t literals = token >> 4;
+        if (literals == 15 && !take_extension(&in, d->in_end, &literals))
+            return false;
+        if (literals > (uint64_t)(d->in_end - in) || literals > (uint64_t)(d->out_end - out))
+            return false;
+        if (literals > 0)
+            memcpy(out, in, (size_t)literals);
+        in += literals;
+        out += literals;
+        if (in == d->in_end)
+            break; // the last sequence has no match
+
+        if (d->in_end - in < 2)
+            return false;
+        uint64_t offset = load_le16(in);
+        in += 2;
+        if (offset == 0 || offset > (uint64_t)(out - d->out_begin))
+            return false;
+
+        uint64_t length = (uint64_t)(token & 15) + MIN_MATCH;
+        if ((token & 15) == 15 && !take_extension(&in, d->in_end, &length))
+            return false;
+        if (length > (uint64_t)(d->out_end - out))
+            return false;
+        copy_match(out, offset, length);
+        out += length;
+    }
+    d->out = out;
+    return true;
+}
+
+// What the fast loop has before the ends, at each token. Of input: the token, 14 literals, the
+// offset and the next token, and so 16 bytes from the literals on. Of output: 14 literals and
+// a match of 64.
+constexpr uint64_t WIDE = 64;
+constexpr uint64_t IN_SPARE = 1 + 14 + 2 + 1;
+constexpr uint64_t OUT_SPARE = 14 + WIDE;
+
+// The same for as long as both buffers have room for copies of fixed lengths, whatever then
+// stands behind the bytes that count. Stops before a sequence that has no such room. False
+// when the block is malformed. With it flat tiles, text and differences decompress 1.7 to 2
+// times as fast as by the exact loop with 16-byte copies, photos 1.5 to 1.9 times.
+//
+// What takes time is a chain, since where a token lies follows from the token before it, and
+// guessing branches wrongly. So the next token is loaded as soon as the number of literals is
+// known, before the match is looked at (10 % on text), and neither literals up to 64 nor
+// matches up to 64 are copied in loops (10 % on photos), whose ends would be guessed wrongly.
+bool decode_fast(decoder *d)
+{
+    const uint8_t *in = d->in, *in_end = d->in_end, *begin = d->out_begin;
+    uint8_t *out = d->out, *out_end = d->out_end;
+    if ((uint64_t)(in_end - in) < IN_SPARE || (uint64_t)(out_end - out) < OUT_SPARE)
+        return true;
+    const uint8_t *in_limit = in_end - IN_SPARE;
+    uint8_t *out_limit = out_end - OUT_SPARE;
+
+    uint64_t token = *in;
+    for (;;) {
+        uint64_t literals = token >> 4;
+        uint64_t length = (token & 15) + MIN_MATCH;
+        uint8_t *to = out;
+        if (literals < 15) [[likely]] {
+            copy16(to, in + 1);
+        } else {
+            const uint8_t *from = in + 1;
+            if (!take_extension(&from, in_end, &literals))
+                return false;
+            int64_t in_room = in_end - from - (int64_t)(WIDE + 3);
+            int64_t out_room = out_end - out - (int64_t)OUT_SPARE;
+            if (in_room < 0 || out_room < 0 || literals > (uint64_t)in_room ||
+                literals > (uint64_t)out_room)
+                break;
+            if (literals <= WIDE)
+                copy64(to, from);
+            else
+                memcpy(to, from, (size_t)literals);
+            in = from - 1;
+        }
+        to += literals;
+
+        uint64_t offset = load_le16(in + literals + 1);
+        token = in[literals + 3];
+        in += literals + 3;
+        if (offset - 1 >= (uint64_t)(to - begin)) [[unlikely]] // 0 wraps: refused too
+            return false;
+        if (length <= 16) [[likely]] {
+            copy_short_match(to, offset);
+            out = to + length;
+        } else {
+            if (length == 19 && !take_extension(&in, in_end, &length))
+                return false;
+            if (length <= WIDE && offset >= 16)
+                copy64(to, to - offset);
+            else if (length <= WIDE && divides_8(offset))
+                fill64(to, offset);
+            else if (length > (uint64_t)(out_end - to))
+                return false;
+            else
+                copy_match(to, offset, length);
+            out = to + length;
+            if (in > in_limit || out > out_limit)
+                break;
+            token = *in;
+            continue;
+        }
+        if (in > in_limit || out > out_limit) [[unlikely]]
+            break;
+    }
+    d->in = in;
+    d->out = out;
+    return true;
+}
+
 } // namespace
 
 int32_t lz4_decompress_block(const uint8_t *src, int32_t src_len, uint8_t *dst, int32_t dst_cap)
@@ -257,42 +491,8 @@ int32_t lz4_decompress_block(const uint8_t *src, int32_t src_len, uint8_t *dst, 
         return 0;
     if (dst_cap < 0)
         dst_cap = 0;
-    const uint8_t *in = src;
-    const uint8_t *in_end = src + src_len;
-    uint8_t *out = dst;
-    uint8_t *out_end = dst + dst_cap;
-
-    while (in < in_end) {
-        uint8_t token = *in++;
-
-        uint64_t literals = token >> 4;
-        if (literals == 15 && !take_extension(&in, in_end, &literals))
-            return -1;
-        if (literals > (uint64_t)(in_end - in) || literals > (uint64_t)(out_end - out))
-            return -1;
-        if (literals <= 16 && in_end - in >= 16 && out_end - out >= 16)
-            memcpy(out, in, 16);
-        else if (literals > 0)
-            memcpy(out, in, (size_t)literals);
-        in += literals;
-        out += literals;
-        if (in == in_end)
-            break; // the last sequence has no match
-
-        if (in_end - in < 2)
-            return -1;
-        uint64_t offset = load_le16(in);
-        in += 2;
-        if (offset == 0 || offset > (uint64_t)(out - dst))
-            return -1;
-
-        uint64_t length = (uint64_t)(token & 15) + MIN_MATCH;
-        if ((token & 15) == 15 && !take_extension(&in, in_end, &length))
-            return -1;
-        if (length > (uint64_t)(out_end - out))
-            return -1;
-        copy_match(out, offset, length, (uint64_t)(out_end - out));
-        out += length;
-    }
-    return (int32_t)(out - dst);
+    decoder d = {src, src + src_len, dst, dst + dst_cap, dst};
+    if (!decode_fast(&d) || !decode_exactly(&d))
+        return -1;
+    return (int32_t)(d.out - dst);
 }

@@ -152,11 +152,11 @@ TEST_CASE("the longest sequences that take no extension of literals end at both 
             for (size_t length : {4u, 16u, 17u, 18u, 19u, 63u, 64u, 65u})
                 for (size_t tail = 0; tail <= 20; tail++) {
                     bytes block;
-                    put_sequence(&block, 20, 20, 5);
+                    put_sequence(&block, 10, 5, 15);
                     put_sequence(&block, literals, offset, length);
                     if (tail > 0)
                         put_sequence(&block, tail - 1, 0, 0);
-                    size_t whole = 20 + 5 + literals + length + (tail > 0 ? tail - 1 : 0);
+                    size_t whole = 10 + 15 + literals + length + (tail > 0 ? tail - 1 : 0);
                     for (size_t capacity = whole - 2; capacity < whole + 90; capacity++)
                         REQUIRE(decodes_as_defined(block, capacity));
                 }
