@@ -89,6 +89,12 @@ void capture_pace_input()
     server_wake();
 }
 
+bool capture_pace_input_within(uint64_t us)
+{
+    uint64_t input = pace.input_us;
+    return input != 0 && age_us(clock_us(), input) <= us;
+}
+
 void capture_pace_news()
 {
     pace.activity_us = clock_us();

@@ -38,6 +38,10 @@ void capture_pace_frame(bool picture);
 // An input was injected. Any thread.
 void capture_pace_input();
 
+// Whether an input was injected within the last so many microseconds, in this session. Server
+// thread.
+bool capture_pace_input_within(uint64_t us);
+
 // Something came that the pipeline should look at soon, a miss or an acknowledgement that it
 // waited for. Any thread.
 void capture_pace_news();

@@ -38,6 +38,7 @@ static bool session_over(const host_session *session)
 static void take_frame_ack(host_session *session, const uint8_t *payload)
 {
     uint32_t now = clock_ms();
+    uint64_t now_us = clock_us();
     frame_stamp stamp = get_frame_stamp(payload);
 
     // Pacing believes whatever the viewer says: at worst the viewer slows itself down.
@@ -48,8 +49,10 @@ static void take_frame_ack(host_session *session, const uint8_t *payload)
     // have been acted on by now.
     uint32_t confirmed = session->confirmed_seq.load();
     if ((int32_t)(stamp.frame_seq - confirmed) > 0 &&
-        (int32_t)(frame_seq.load() - stamp.frame_seq) >= 0)
+        (int32_t)(frame_seq.load() - stamp.frame_seq) >= 0) {
         session->confirmed_seq.store(stamp.frame_seq);
+        session_put_ack(session, {stamp.frame_seq, now_us});
+    }
 
     if (session->waits_for_ack.exchange(0) != 0)
         capture_pace_news();

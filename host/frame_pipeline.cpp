@@ -1,6 +1,7 @@
 // The frame pipeline: one iteration captures the screen, and when the viewer has room for
 // another frame sends what changed, as one record.
 //
+//   line_holds()        on a line that queues: until there is room for another frame
 //   capture_step()      frame_buffer is the newest picture, dirty_map says where to look
 //   awaits_advert()     at a session's start: until the viewer told which tiles it has
 //   pacing_step()       too many frames unacknowledged: the iteration ends, all of it waits
@@ -10,6 +11,7 @@
 //   window_list_step()  the visible windows, if the host is to tell them and they changed
 //   walk_tiles()        each dirty tile that differs from prev_frame: a reference, a
 //                       compressed difference or its pixels
+//   walk_line()         the same in an order of its own, where frames are limited in bytes
 //   -----------------
 //   the log line, the pointer, the frame's end, channel_flush()
 //
@@ -29,10 +31,13 @@
 #include "host/host_channel.h"
 #include "host/host_lock.h"
 #include "host/host_server.h"
+#include "host/line_pacing.h"
 #include "host/lz4_block.h"
 #include "host/out_buffer.h"
 #include "host/screen.h"
+#include "host/server_wake.h"
 #include "host/text_layer.h"
+#include "host/tile_cells.h"
 #include "host/tile_hash.h"
 #include "host/tile_ops.h"
 #include "host/window_list.h"
@@ -40,6 +45,7 @@
 #include "protocol/clock.h"
 #include "protocol/messages.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 namespace host
@@ -47,6 +53,7 @@ namespace host
 
 std::atomic<uint32_t> frame_seq;
 uint16_t peer_caps;
+bool paces_bytes = true;
 
 // Host server thread only.
 static struct {
@@ -56,7 +63,23 @@ static struct {
     uint64_t tiles_sent_total;    // of this session, references included
     uint64_t cache_refs_total;
     cursor_state cursor_sent; // kept across sessions
+    bool line_started;        // of this session
+    line_pacing line;
+    int32_t small_place; // of the hello's grid, at which the next small tiles begin
 } pipeline;
+
+// A tile that is to go out on a line whose frames are limited.
+struct line_tile {
+    uint16_t tx, ty;
+    bool reference, small, near; // near the pointer, after an input
+    bool sent;
+    uint64_t hash; // of a tile on the screen
+};
+
+// More than any screen has that is served at a speed worth this. Of a larger one the rest
+// stays dirty and has its turn later. Host server thread only.
+constexpr int32_t LINE_TILES_MAX = 16384;
+static line_tile line_tiles[LINE_TILES_MAX];
 
 // The difference of one tile; static because 16 KiB are much for a stack. Host server thread
 // only.
@@ -349,6 +372,186 @@ static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(h
 }
 
 // ---------------------------------------------------------------------------------------
+// Tiles on a line that queues
+//
+// A frame there takes a fraction of what changed, so what it takes matters: first what costs
+// next to nothing and repairs most, references; then tiles with little change in them, which
+// are what people type and point at; then the rest in turn. So a video in a window takes what
+// the text beside it leaves, and not the other way round.
+
+constexpr uint64_t INPUT_NEAR_US = 300000; // so long after an input the pointer's place counts
+constexpr int32_t NEAR_TILES = 2;
+constexpr int32_t SMALL_CELLS = 4;
+constexpr uint64_t LINE_PAUSE_MAX_US = 250000;
+
+static bool line_in()
+{
+    return paces_bytes && pipeline.line.in;
+}
+
+// Notes what is to be known of some tiles of the list, so few that they are hashed together.
+static void judge_line_tiles(line_tile *tiles, int32_t count, uint32_t confirmed_seq)
+    REQUIRES(host_lock)
+{
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    line_tile *judged[BATCH_TILES] = {};
+    const uint8_t *pixels[BATCH_TILES] = {};
+    uint64_t hashes[BATCH_TILES] = {};
+    int32_t on_screen = 0;
+    for (int32_t i = 0; i < count; i++) {
+        if (!tile_on_screen(tiles[i].tx, tiles[i].ty))
+            continue; // goes as zeros
+        judged[on_screen] = &tiles[i];
+        pixels[on_screen++] =
+            screen.frame_buffer + tile_offset(screen.padded_width, tiles[i].tx, tiles[i].ty);
+    }
+    tile_hash_batch(pixels, on_screen, pitch, hashes);
+    for (int32_t i = 0; i < on_screen; i++) {
+        line_tile *tile = judged[i];
+        tile->hash = hashes[i];
+        tile->reference = (peer_caps & CAP_TILE_CACHE) != 0 && cache_mirror_find(tile->hash);
+        const uint8_t *before =
+            screen.prev_frame + tile_offset(screen.padded_width, tile->tx, tile->ty);
+        // One whose base is in doubt goes whole.
+        tile->small = !tile_base_uncertain(*base_at(tile->tx, tile->ty), confirmed_seq) &&
+                      tile_changed_cells(pixels[i], before, pitch) <= SMALL_CELLS;
+    }
+}
+
+// Whether a due tile has to go out. One that turns out unchanged is done with.
+static bool line_tile_changed(int32_t tx, int32_t ty) REQUIRES(host_lock)
+{
+    if (!tile_on_screen(tx, ty))
+        return true;
+    uint64_t offset = tile_offset(screen.padded_width, tx, ty);
+    if (tile_changed(*base_at(tx, ty), screen.frame_buffer + offset, screen.prev_frame + offset,
+                     (uint64_t)screen.padded_width * PIXEL_BYTES))
+        return true;
+    *dirty_at(tx, ty) = 0;
+    return false;
+}
+
+// Lists the tiles that have to go out, from where the last walk left the first one over.
+static int32_t list_line_tiles(int32_t columns, int32_t rows, uint32_t confirmed_seq)
+    REQUIRES(host_lock)
+{
+    bool input = capture_pace_input_within(INPUT_NEAR_US);
+    cursor_state pointer = cursor_read();
+    int32_t tiles = columns * rows;
+    int32_t first = pipeline.walk_ty * columns + pipeline.walk_tx;
+    int32_t count = 0;
+    for (int32_t n = 0; n < tiles && count < LINE_TILES_MAX; n++) {
+        int32_t place = first < tiles - n ? first + n : first - (tiles - n);
+        int32_t tx = place % columns;
+        int32_t ty = place / columns;
+        if (!tile_is_due(tx, ty, columns) || !line_tile_changed(tx, ty))
+            continue;
+        line_tiles[count++] = {.tx = (uint16_t)tx,
+                               .ty = (uint16_t)ty,
+                               .reference = false,
+                               .small = false,
+                               .near = input && abs(tx - pointer.x / TILE_SIZE) <= NEAR_TILES &&
+                                       abs(ty - pointer.y / TILE_SIZE) <= NEAR_TILES,
+                               .sent = false,
+                               .hash = 0};
+    }
+    for (int32_t i = 0; i < count; i += BATCH_TILES)
+        judge_line_tiles(&line_tiles[i], count - i < BATCH_TILES ? count - i : BATCH_TILES,
+                         confirmed_seq);
+    return count;
+}
+
+// What a frame takes of the list: no more than so many bytes from its start, and then the tile
+// that reaches them.
+struct line_frame_room {
+    size_t start;
+    uint64_t bytes;
+};
+
+static bool line_frame_full(const line_frame_room &room)
+{
+    return !frame_has_room(0) || out_used() - room.start >= room.bytes;
+}
+
+static void send_line_tile(line_tile *tile, int32_t columns, uint32_t confirmed_seq,
+                           frame_tiles *sent) REQUIRES(host_lock)
+{
+    if (tile_on_screen(tile->tx, tile->ty)) {
+        *dirty_at(tile->tx, tile->ty) = 0;
+        send_tile(tile->tx, tile->ty, tile->hash, confirmed_seq, sent);
+        sent->handled++;
+    } else {
+        send_outside_tile(tile->tx, tile->ty, columns, sent);
+    }
+    tile->sent = true;
+}
+
+// Sends small tiles from where the last frame left the first one over, those near the pointer
+// ahead of all, as long as half of the frame is not reached.
+static void send_small_tiles(int32_t count, int32_t columns, int32_t rows,
+                             const line_frame_room &room, uint32_t confirmed_seq,
+                             frame_tiles *sent) REQUIRES(host_lock)
+{
+    line_frame_room half = {room.start, room.bytes / 2};
+    for (int32_t i = 0; i < count && !line_frame_full(half); i++)
+        if (line_tiles[i].small && line_tiles[i].near && !line_tiles[i].sent)
+            send_line_tile(&line_tiles[i], columns, confirmed_seq, sent);
+
+    // The list begins at the walk's place and goes once round the grid.
+    int32_t tiles = columns * rows;
+    auto behind_walk = [=](int32_t tx, int32_t ty) {
+        int32_t place = ty * columns + tx - (pipeline.walk_ty * columns + pipeline.walk_tx);
+        return place < 0 ? place + tiles : place;
+    };
+    int32_t from = behind_walk(pipeline.small_place % columns, pipeline.small_place / columns);
+    int32_t first = 0;
+    while (first < count && behind_walk(line_tiles[first].tx, line_tiles[first].ty) < from)
+        first++;
+    for (int32_t n = 0; n < count; n++) {
+        line_tile *tile = &line_tiles[(first + n) % count];
+        if (!tile->small || tile->sent)
+            continue;
+        if (line_frame_full(half)) {
+            pipeline.small_place = tile->ty * columns + tile->tx;
+            return;
+        }
+        send_line_tile(tile, columns, confirmed_seq, sent);
+    }
+}
+
+// What walk_tiles does, with a limit in bytes in place of the budget of tiles, counted from
+// the frame's start.
+static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    frame_tiles sent = {};
+    int32_t columns = tiles_for(screen.hello_width);
+    int32_t rows = tiles_for(screen.hello_height);
+    int32_t count = list_line_tiles(columns, rows, confirmed_seq);
+    line_frame_room room = {frame_start, line_frame_bytes(&pipeline.line)};
+    for (int32_t i = 0; i < count && !line_frame_full(room); i++)
+        if (line_tiles[i].reference)
+            send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
+    if (count > 0)
+        send_small_tiles(count, columns, rows, room, confirmed_seq, &sent);
+    pipeline.walk_tx = 0;
+    pipeline.walk_ty = 0;
+    // The first of these goes however full the frame is, or those above could starve it.
+    bool any = false;
+    for (int32_t i = 0; i < count; i++) {
+        if (line_tiles[i].sent)
+            continue;
+        if (any ? line_frame_full(room) : !frame_has_room(0)) {
+            pipeline.walk_tx = line_tiles[i].tx;
+            pipeline.walk_ty = line_tiles[i].ty;
+            break;
+        }
+        send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
+        any = true;
+    }
+    return sent;
+}
+
+// ---------------------------------------------------------------------------------------
 // One iteration
 
 static void append_cursor()
@@ -374,6 +577,7 @@ static bool end_frame()
     put_header(message, MSG_FRAME_END, FRAME_END_BYTES);
     put_frame_stamp(message + MESSAGE_HEADER_BYTES, {seq, clock_ms()});
     out_append(message, sizeof message);
+    line_sent(&pipeline.line, seq, out_used(), clock_us());
     if (!channel_flush())
         return false;
     screen.first_frame_flushed = true;
@@ -391,8 +595,56 @@ static bool awaits_advert(const host_session *session)
     return pipeline.awaits_advert;
 }
 
+// Takes in what the viewer has acknowledged.
+static void follow_line(host_session *session)
+{
+    if (!pipeline.line_started) {
+        line_start(&pipeline.line, frame_seq, session->key_trip_us, session->hello_trip_us,
+                   clock_us());
+        pipeline.line_started = true;
+    }
+    session_ack ack;
+    while (session_take_ack(session, &ack))
+        line_acked(&pipeline.line, ack.seq, ack.at_us);
+}
+
+// How long the in-flight cap keeps the next frame back, if no acknowledgement comes.
+static uint64_t cap_wait_us(const host_session *session)
+{
+    uint32_t now = clock_ms();
+    if (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, now,
+                    pipeline.last_iteration_tick) != PACE_WAIT)
+        return 0;
+    uint32_t gone = now - pipeline.last_iteration_tick;
+    return (uint64_t)(STALL_MS + 1 - gone) * 1000;
+}
+
+// On a line that queues nothing is captured either until there is room for a frame, so that
+// what is sent then is fresh. True when there was none: the iteration ends, after a pause that
+// an acknowledgement cuts short, or whatever else the viewer may say.
+static bool line_holds(host_session *session)
+{
+    follow_line(session);
+    if (!line_in())
+        return false;
+    // Said before looking, so that no acknowledgement after that goes unheard.
+    session->waits_for_ack = 1;
+    follow_line(session);
+    uint64_t wait = line_wait_us(&pipeline.line, clock_us());
+    if (wait == 0)
+        wait = cap_wait_us(session);
+    if (wait == 0)
+        return false;
+    // Not longer at a time than anybody would want to wait for the session's end, whose wake
+    // could be stuck in an input hook.
+    server_pause(wait < LINE_PAUSE_MAX_US ? wait : LINE_PAUSE_MAX_US);
+    return true;
+}
+
 bool frame_pipeline_step(host_session *session)
 {
+    if (line_holds(session))
+        return true;
     if (capture_step() == CAPTURE_RESTARTED)
         return true;
     if (awaits_advert(session))
@@ -419,7 +671,8 @@ bool frame_pipeline_step(host_session *session)
     apply_moves(confirmed_seq);
     text_layer_step();
     window_list_step();
-    frame_tiles sent = walk_tiles(budget, confirmed_seq);
+    frame_tiles sent =
+        line_in() ? walk_line(frame_start, confirmed_seq) : walk_tiles(budget, confirmed_seq);
     lock_leave(&host_lock);
     pipeline.tiles_sent_total += (uint64_t)sent.handled;
     pipeline.cache_refs_total += (uint64_t)sent.refs;
@@ -454,6 +707,8 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.tiles_sent_total = 0;
     pipeline.cache_refs_total = 0;
     pipeline.awaits_advert = (caps & CAP_TILE_CACHE) != 0;
+    pipeline.line_started = false;
+    pipeline.small_place = 0;
     capture_pace_start();
     out_reset();
     text_layer_reset();

@@ -17,6 +17,10 @@ extern std::atomic<uint32_t> frame_seq;
 // The capabilities that the viewer of this session announced (CAP_*). Server thread.
 extern uint16_t peer_caps;
 
+// Whether frames are limited in bytes on lines that queue (line_pacing.h). True except where
+// tests and benchmarks compare; changed between sessions only.
+extern bool paces_bytes;
+
 // Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
 void frame_pipeline_start(uint16_t caps);
 

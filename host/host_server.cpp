@@ -137,9 +137,16 @@ static void announce_no_viewer()
     host_set_state(HOST_OFFLINE);
 }
 
+static uint32_t trip_ms(uint64_t us)
+{
+    uint64_t ms = us / 1000;
+    return ms < ADVERT_WAIT_MAX_MS ? (uint32_t)ms : ADVERT_WAIT_MAX_MS;
+}
+
 // Serves one viewer from its hello to the end of the session, and closes the socket.
-// advert_wait_ms: how long its first frame may wait for the advertisement.
-static void run_session(net_socket sock, const client_hello &hello, uint32_t advert_wait_ms)
+// The two round trips are those of the handshake, in microseconds.
+static void run_session(net_socket sock, const client_hello &hello, uint64_t key_trip_us,
+                        uint64_t hello_trip_us)
 {
     announce_viewer(hello);
     net_set_send_buffer(sock, SEND_BUFFER_BYTES);
@@ -161,7 +168,9 @@ static void run_session(net_socket sock, const client_hello &hello, uint32_t adv
         return;
     }
     session->hello_sent_ms = hello_sent_ms;
-    session->advert_wait_ms = advert_wait_ms;
+    session->advert_wait_ms = advert_wait(trip_ms(key_trip_us), trip_ms(hello_trip_us));
+    session->key_trip_us = key_trip_us;
+    session->hello_trip_us = hello_trip_us;
     host_channel.receiver.deadline = {}; // a viewer may be silent for as long as it likes
     channel_take_receiver(&host_channel, &session->receiver);
     frame_pipeline_start(hello.caps);
@@ -211,15 +220,15 @@ static void serve_connection(net_socket sock, bool relay)
     if (viewer_came)
         host_rotate_password(0);
 
-    uint32_t key_trip_ms = 0;
-    if (!handshake_as_host(&host_channel, sock, host_copy_password, deadline, &key_trip_ms)) {
+    uint64_t key_trip_us = 0;
+    if (!handshake_as_host(&host_channel, sock, host_copy_password, deadline, &key_trip_us)) {
         server_log("auth failed (wrong password or not an qv client)");
         drop_connection(sock);
         pause_ms(AUTH_FAILED_PAUSE_MS);
         return;
     }
 
-    uint32_t confirmed_ms = clock_ms();
+    uint64_t confirmed_us = clock_us();
     client_hello hello;
     if (!read_client_hello(&hello)) {
         // No word to the log, and the channel's buffers and keys stay until the next
@@ -227,7 +236,7 @@ static void serve_connection(net_socket sock, bool relay)
         drop_connection(sock);
         return;
     }
-    run_session(sock, hello, advert_wait(key_trip_ms, clock_ms() - confirmed_ms));
+    run_session(sock, hello, key_trip_us, clock_us() - confirmed_us);
 }
 
 int host_server_run()

@@ -32,6 +32,25 @@ host_session *session_create(net_socket sock, uint32_t frame_seq)
     return session;
 }
 
+void session_put_ack(host_session *session, session_ack ack)
+{
+    uint32_t put = session->acks_put;
+    if (put - session->acks_taken == SESSION_ACKS)
+        return;
+    session->acks[put % SESSION_ACKS] = ack;
+    session->acks_put = put + 1;
+}
+
+bool session_take_ack(host_session *session, session_ack *ack)
+{
+    uint32_t taken = session->acks_taken;
+    if (taken == session->acks_put)
+        return false;
+    *ack = session->acks[taken % SESSION_ACKS];
+    session->acks_taken = taken + 1;
+    return true;
+}
+
 void session_release(host_session *session)
 {
     // The last to leave sees everything that the other one wrote: the decrement both

@@ -25,6 +25,14 @@ namespace host
 constexpr uint32_t SESSION_KEEPALIVE_IDLE_S = 60;
 constexpr uint32_t SESSION_KEEPALIVE_INTERVAL_S = 10;
 
+// Acknowledgements that may wait for the server thread; more than are ever under way.
+constexpr uint32_t SESSION_ACKS = 64;
+
+struct session_ack {
+    uint32_t seq;
+    uint64_t at_us; // by clock_us
+};
+
 struct host_session {
     uint32_t generation; // constant
     net_socket sock;     // constant; aborted by any thread, closed by the last owner
@@ -33,6 +41,9 @@ struct host_session {
     // For how long after the host's hello the first walk may wait for the viewer's
     // advertisement; constant once the control thread runs.
     uint32_t hello_sent_ms, advert_wait_ms;
+
+    // The two round trips of its handshake; constant once the control thread runs.
+    uint64_t key_trip_us, hello_trip_us;
 
     // Control thread only, once it runs.
     channel_receiver receiver;
@@ -50,6 +61,14 @@ struct host_session {
     // the control thread when one comes.
     std::atomic<uint32_t> waits_for_ack;
 
+    // Acknowledgements that can be true, each newer than the one before, on their way from the
+    // control thread to the server thread. One that finds no room is dropped: the next one
+    // says the same and more. A slot is the control thread's until acks_put has passed it and
+    // again from when acks_taken has.
+    session_ack acks[SESSION_ACKS];
+    std::atomic<uint32_t> acks_put;   // so many so far; control thread
+    std::atomic<uint32_t> acks_taken; // server thread
+
     // What this session pressed and did not release yet: a bit a virtual key, a bit a
     // button. Set once a press was injected; taken by exchange, so that each release is
     // sent once.
@@ -64,6 +83,12 @@ extern std::atomic<uint32_t> session_generation;
 // A session with one owner and start values, numbering from frame_seq; null when memory is
 // short (the socket then stays the caller's).
 host_session *session_create(net_socket sock, uint32_t frame_seq);
+
+// Hands an acknowledgement to the server thread. Control thread.
+void session_put_ack(host_session *session, session_ack ack);
+
+// Takes the oldest that waits; false when none does. Server thread.
+[[nodiscard]] bool session_take_ack(host_session *session, session_ack *ack);
 
 // One owner leaves.
 void session_release(host_session *session);

@@ -112,7 +112,7 @@ static void start_records(handshake_state *s, secure_channel *channel, const cha
 
 static bool run_as_host(handshake_state *s, secure_channel *channel,
                         void (*read_password)(char password[PASSWORD_MAX + 1]),
-                        uint32_t *round_trip_ms)
+                        uint64_t *round_trip_us)
 {
     if (!make_keys(s, s->host_key))
         return false;
@@ -120,7 +120,7 @@ static bool run_as_host(handshake_state *s, secure_channel *channel,
         return false;
     if (!channel_send(&channel->sender, s->host_key, KEY_BYTES))
         return false;
-    uint32_t sent = clock_ms();
+    uint64_t sent = clock_us();
     if (!agree(s, s->viewer_key))
         return false;
     read_password(s->password);
@@ -128,8 +128,8 @@ static bool run_as_host(handshake_state *s, secure_channel *channel,
     crypto_wipe(s->password, sizeof s->password);
     if (!check_confirmation(s, channel, CLIENT_CONFIRM_LABEL))
         return false;
-    if (round_trip_ms)
-        *round_trip_ms = clock_ms() - sent;
+    if (round_trip_us)
+        *round_trip_us = clock_us() - sent;
     if (!send_confirmation(s, channel, SERVER_CONFIRM_LABEL))
         return false;
     start_records(s, channel, SERVER_TO_CLIENT_LABEL, CLIENT_TO_SERVER_LABEL);
@@ -167,12 +167,12 @@ static bool finish(handshake_state *s, secure_channel *channel, bool ok)
 
 bool handshake_as_host(secure_channel *channel, net_socket sock,
                        void (*read_password)(char password[PASSWORD_MAX + 1]),
-                       const net_deadline &deadline, uint32_t *round_trip_ms)
+                       const net_deadline &deadline, uint64_t *round_trip_us)
 {
     handshake_state s = {};
     channel_open(channel, sock);
     channel->receiver.deadline = deadline;
-    return finish(&s, channel, run_as_host(&s, channel, read_password, round_trip_ms));
+    return finish(&s, channel, run_as_host(&s, channel, read_password, round_trip_us));
 }
 
 bool handshake_as_viewer(secure_channel *channel, net_socket sock, const char *password)

@@ -28,12 +28,12 @@ constexpr uint32_t PASSWORD_MAX = 32; // bytes of a host's password, without ter
 //
 // The host's password is asked for when the viewer's key has arrived, at the moment it is
 // used: read_password copies the current one, terminated, into its argument. `deadline`
-// bounds every receive and stays in force in the channel's receiver. *round_trip_ms, if asked
+// bounds every receive and stays in force in the channel's receiver. *round_trip_us, if asked
 // for, is the time from our key to the viewer's confirmation.
 [[nodiscard]] bool handshake_as_host(secure_channel *channel, net_socket sock,
                                      void (*read_password)(char password[PASSWORD_MAX + 1]),
                                      const net_deadline &deadline,
-                                     uint32_t *round_trip_ms = nullptr);
+                                     uint64_t *round_trip_us = nullptr);
 
 // password is NUL-terminated text of any length.
 [[nodiscard]] bool handshake_as_viewer(secure_channel *channel, net_socket sock,

@@ -225,6 +225,28 @@ TEST_CASE("acked_seq is what the viewer says, confirmed_seq only what can be tru
     }
 }
 
+TEST_CASE("acknowledgements that can be true are handed to the server thread, with their time")
+{
+    fixture f(100);
+    session_ack ack = {};
+    clock_script_now = 5000;
+    frame_seq = 103;
+    for (uint32_t seq : {100u, 99u, 104u, 0x80000000u}) // known, older, never sent
+        f.ack(seq, 4000);
+    CHECK_FALSE(session_take_ack(f.session, &ack));
+    f.ack(102, 99999); // whatever it stamps
+    f.ack(101, 4000);  // older than the last
+    clock_script_now = 5007;
+    f.ack(103, 4000);
+    REQUIRE(session_take_ack(f.session, &ack));
+    CHECK(ack.seq == 102);
+    CHECK(ack.at_us == 5000000);
+    REQUIRE(session_take_ack(f.session, &ack));
+    CHECK(ack.seq == 103);
+    CHECK(ack.at_us == 5007000);
+    CHECK_FALSE(session_take_ack(f.session, &ack));
+}
+
 TEST_CASE("what a stall passed over is not confirmed by it")
 {
     fixture f;

@@ -8,6 +8,7 @@
 #include "tests/socket_pair.h"
 #include "tests/test.h"
 
+#include <atomic>
 #include <new>
 #include <stdlib.h>
 #include <string.h>
@@ -233,5 +234,61 @@ TEST_CASE("two threads that release at once send each release once")
         CHECK(thread_join(t, 10000));
         CHECK(input_record_calls().size() == 259);
     }
+    session_release(s);
+}
+
+// ---------------------------------------------------------------------------------------
+// Acknowledgements on their way to the server thread
+
+TEST_CASE("acknowledgements arrive in order, and what finds no room is dropped")
+{
+    host_session *s = session_create(NET_INVALID, 0);
+    REQUIRE(s != nullptr);
+    s->acks_put = s->acks_taken = 0xFFFFFFF0; // the counters wrap
+    session_ack ack = {};
+    CHECK_FALSE(session_take_ack(s, &ack));
+    for (uint32_t round = 0; round < 3; round++) {
+        CAPTURE(round);
+        for (uint32_t i = 0; i < SESSION_ACKS + 5; i++)
+            session_put_ack(s, {round * 1000 + i, i * 7});
+        for (uint32_t i = 0; i < SESSION_ACKS; i++) {
+            REQUIRE(session_take_ack(s, &ack));
+            CHECK(ack.seq == round * 1000 + i);
+            CHECK(ack.at_us == i * 7);
+        }
+        CHECK_FALSE(session_take_ack(s, &ack));
+    }
+    session_release(s);
+}
+
+static std::atomic<bool> acks_over;
+
+// Until the other thread has seen enough.
+static void put_acks(void *argument)
+{
+    host_session *s = (host_session *)argument;
+    for (uint32_t i = 1; !acks_over; i++)
+        session_put_ack(s, {i, (uint64_t)i * 3});
+}
+
+TEST_CASE("acknowledgements pass from one thread to the other whole")
+{
+    host_session *s = session_create(NET_INVALID, 0);
+    REQUIRE(s != nullptr);
+    acks_over = false;
+    thread *control = thread_start(put_acks, s);
+    REQUIRE(control != nullptr);
+    uint32_t last = 0;
+    for (int taken = 0; taken < 5000;) {
+        session_ack ack;
+        if (!session_take_ack(s, &ack))
+            continue;
+        REQUIRE(ack.seq > last);
+        REQUIRE(ack.at_us == (uint64_t)ack.seq * 3);
+        last = ack.seq;
+        taken++;
+    }
+    acks_over = true;
+    CHECK(thread_join(control, THREAD_WAIT_FOREVER));
     session_release(s);
 }

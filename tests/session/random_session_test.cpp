@@ -244,7 +244,8 @@ static void note_locked(const lock *l)
 }
 
 // A walk has ended, or something else under the lock; sent is the number of tiles. A tile
-// that is left for the next walk is nearer to its turn by each that was sent.
+// that is left for the next walk is nearer to its turn by each that was sent, and where frames
+// are limited in bytes by one of them at least.
 static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
 {
     int64_t grid = (int64_t)tiles_for(screen.hello_width) * tiles_for(screen.hello_height);
@@ -259,7 +260,7 @@ static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
                 continue;
             }
             left++;
-            run.waited[(size_t)tile] += sent;
+            run.waited[(size_t)tile] += host::paces_bytes ? sent > 0 : sent;
             MUST(run.waited[(size_t)tile] <= grid);
         }
     if (left == 0 || sent == 0)
@@ -1091,6 +1092,7 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     run.wants_cache = !one_in(8);
     run.wants_text = !one_in(3);
     run.busy = one_in(6);
+    host::paces_bytes = !one_in(4);
     run.pace_ms = one_in(2) ? 1 : one_in(2) ? 4 : 40;
     run.advertises = run.cached && one_in(2);
     run.watching = run.refused = false;

@@ -1,0 +1,670 @@
+// The frame pipeline on a simulated line: what a person at its other end waits for.
+//
+// The line is a queue with a rate, a size beyond which it would drop, and a round trip. All of
+// it, the host's pauses, copies of the screen and the viewer's answers, passes on one simulated
+// clock; the pipeline, the control thread's messages, the pace of copies and the viewer's
+// model are whole. One thread, so a run is the same each time.
+//
+// Fakes: capture_script cursor_script flush_record input_record server_log_record
+// Fakes: console_script host_switches window_list_script
+#include "host/capture_pace.h"
+#include "host/control_thread.h"
+#include "host/frame_pipeline.h"
+#include "host/host_server.h"
+#include "host/out_buffer.h"
+#include "host/screen.h"
+#include "host/server_wake.h"
+#include "protocol/clock.h"
+#include "tests/fakes/capture_script.h"
+#include "tests/fakes/cursor_script.h"
+#include "tests/fakes/flush_record.h"
+#include "tests/fakes/server_log_record.h"
+#include "tests/host/test_desktop.h"
+#include "tests/host/viewer_model.h"
+#include "tests/test.h"
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <map>
+#include <vector>
+
+using namespace host;
+
+std::atomic<uint32_t> host::host_stop_requested;
+
+static constexpr uint64_t MS = 1000;
+static constexpr uint64_t SECOND = 1000000;
+static constexpr uint64_t NEVER = UINT64_MAX;
+static constexpr uint64_t SOCKET_BUFFER = 1048576;
+static constexpr uint64_t RECORD_OVERHEAD = 40 + 54 * 4; // sealing; IP and TCP, about
+
+// ---------------------------------------------------------------------------------------
+// Time: what is to happen, in order
+
+static uint64_t now_us;
+static uint64_t tick_us = MS; // steps of the coarse clock
+static std::multimap<uint64_t, std::function<void()>> to_happen;
+static bool woken;
+
+static void at(uint64_t us, const std::function<void()> &what)
+{
+    to_happen.insert({us, what});
+}
+
+// Lets time pass up to there or, if asked for, until something wakes the server.
+static void pass_until(uint64_t us, bool until_woken)
+{
+    while (!to_happen.empty() && to_happen.begin()->first <= us) {
+        if (until_woken && woken)
+            break;
+        auto first = to_happen.begin();
+        now_us = std::max(now_us, first->first);
+        auto what = first->second;
+        to_happen.erase(first);
+        what();
+    }
+    if (!(until_woken && woken))
+        now_us = std::max(now_us, us);
+}
+
+uint32_t clock_ms()
+{
+    return (uint32_t)(now_us / tick_us * tick_us / MS);
+}
+
+uint64_t clock_us()
+{
+    return now_us;
+}
+
+void clock_sleep_ms(uint32_t ms)
+{
+    pass_until(now_us + ms * MS, false);
+}
+
+void host::server_pause(uint64_t us)
+{
+    REQUIRE(us > 0);
+    pass_until(now_us + (us + 999) / 1000 * 1000, true);
+    woken = false;
+}
+
+void host::server_wake()
+{
+    woken = true;
+}
+
+// ---------------------------------------------------------------------------------------
+// The line, the viewer at its end and the session
+
+static struct {
+    uint64_t rate, trip_us, queue_us; // bytes a second
+    uint64_t ack_late_us;
+    bool silent;      // the viewer's answers are lost
+    uint64_t free_us; // when it has carried what it has
+    uint64_t dropped; // records that found the queue too long
+    uint64_t bytes;   // of all records
+    int captures;
+    std::vector<uint64_t> queue; // found by each record
+} line;
+
+static viewer_model viewer;
+static host_session session;
+static std::function<void()> on_shown; // after each record, when the viewer has it
+
+static void answer(const std::vector<tile_ref> &misses, frame_stamp stamp)
+{
+    for (const tile_ref &ref : misses) {
+        uint8_t miss[CACHE_MISS_BYTES];
+        put_tile_ref(miss, ref);
+        control_message(&session, MSG_CACHE_MISS, miss, sizeof miss);
+    }
+    uint8_t ack[FRAME_ACK_BYTES];
+    put_frame_stamp(ack, stamp);
+    control_message(&session, MSG_FRAME_ACK, ack, sizeof ack);
+}
+
+static void send_record()
+{
+    std::vector<uint8_t> record(out_bytes(), out_bytes() + out_used());
+    uint64_t bytes = record.size() + RECORD_OVERHEAD;
+    line.bytes += bytes;
+    // More than the socket takes is waited for.
+    uint64_t room_us = SOCKET_BUFFER * SECOND / line.rate;
+    line.free_us = std::max(line.free_us, now_us);
+    line.queue.push_back(line.free_us - now_us);
+    line.free_us += bytes * SECOND / line.rate;
+    line.dropped += line.free_us - now_us > line.queue_us;
+    uint64_t there_us = line.free_us + line.trip_us / 2;
+    at(there_us, [=] {
+        viewer.apply_record(record);
+        std::vector<tile_ref> misses = viewer.misses;
+        frame_stamp stamp = viewer.last_end;
+        if (!line.silent)
+            at(now_us + line.trip_us / 2 + line.ack_late_us, [=] { answer(misses, stamp); });
+        if (on_shown)
+            on_shown();
+    });
+    if (line.free_us - now_us > room_us)
+        pass_until(line.free_us - room_us, false);
+}
+
+static uint64_t copy_end_us;
+
+static capture_result capture()
+{
+    capture_pace_wait(copy_end_us);
+    line.captures++;
+    capture_result result = desktop_capture();
+    copy_end_us = now_us;
+    return result;
+}
+
+// A session over this line that shows a desktop of this size, black at first. The handshake
+// took the line's round trip, twice.
+static void start(int32_t width, int32_t height, uint64_t rate, uint64_t trip_us,
+                  uint16_t caps = CAP_TILE_CACHE)
+{
+    to_happen.clear();
+    woken = false;
+    now_us = 100 * SECOND;
+    tick_us = MS;
+    copy_end_us = 0;
+    line = {};
+    line.rate = rate;
+    line.trip_us = trip_us;
+    line.queue_us = 200 * MS;
+    on_shown = nullptr;
+    paces_bytes = true;
+    cursor_script_now = {};
+    server_log_clear();
+    flush_records.clear();
+    flush_hook = send_record;
+    capture_script_step = capture;
+
+    lock_init(&host_lock);
+    screen.hello_width = 0;
+    screen.hello_height = 0;
+    desktop_open(width, height);
+    REQUIRE(screen_resize(width, height));
+    session.generation = session_generation;
+    session.estimator = latency_start();
+    session.tile_budget = TILE_BUDGET_MAX;
+    session.ema_rtt16 = 0;
+    session.acked_seq = frame_seq.load();
+    session.confirmed_seq = frame_seq.load();
+    session.session_ended = 0;
+    session.waits_for_ack = 0;
+    session.acks_put = session.acks_taken = 0;
+    session.advert_over = 1;
+    session.key_trip_us = session.hello_trip_us = trip_us;
+    frame_pipeline_start(caps);
+    viewer.open(width, height);
+}
+
+static void run_until(uint64_t us)
+{
+    while (now_us < us) {
+        uint64_t before = now_us;
+        int captures = line.captures;
+        flush_records.clear();
+        REQUIRE(frame_pipeline_step(&session));
+        REQUIRE((now_us > before || line.captures > captures)); // it never spins
+    }
+}
+
+static void run_for(uint64_t us)
+{
+    run_until(now_us + us);
+}
+
+// A key goes down at the viewer now.
+static void press_key()
+{
+    at(now_us + line.trip_us / 2, [] {
+        uint8_t key[KEY_BYTES];
+        store_le32(key, 0x10041);
+        control_message(&session, MSG_KEY, key, sizeof key);
+    });
+}
+
+static uint64_t percentile(std::vector<uint64_t> values, size_t percent)
+{
+    REQUIRE_FALSE(values.empty());
+    std::sort(values.begin(), values.end());
+    return values[(values.size() - 1) * percent / 100];
+}
+
+static bool picture_right()
+{
+    for (int32_t y = 0; y < desktop.height; y++)
+        if (memcmp(&viewer.pixels[(size_t)y * viewer.pitch], desktop_at(0, y),
+                   (size_t)desktop.width * 4) != 0)
+            return false;
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------
+// What is shown
+
+static test_random random_pixels = {0x1234567};
+
+static void draw_noise(rect r)
+{
+    fill_noise(r, &random_pixels);
+}
+
+// Something like a page of text: short runs of two colours that differ from page to page.
+static void draw_page(rect r, uint32_t ink)
+{
+    for (int32_t y = r.top; y < r.bottom; y++)
+        for (int32_t x = r.left; x < r.right; x++) {
+            bool line_of_text = y % 16 < 10;
+            bool letter =
+                (((uint32_t)(x / 3) * 2654435761u ^ (uint32_t)(y / 4) * 40503u ^ ink) >> 13 &
+                 3) == 0;
+            store_le32(desktop_at(x, y),
+                       line_of_text && letter ? 0xFF000000 | ink : 0xFFFFFFFF);
+        }
+    desktop.dirty.push_back(r);
+}
+
+// Full-rate video in a window: new noise there for as long as until says.
+static void play_video(rect r, uint64_t until_us)
+{
+    draw_noise(r);
+    if (now_us + 33 * MS < until_us)
+        at(now_us + 33 * MS, [=] { play_video(r, until_us); });
+}
+
+// ---------------------------------------------------------------------------------------
+// Figures
+
+struct line_row {
+    uint64_t rate, trip_us;
+};
+static const line_row LINES[] = {{2500000, 40 * MS}, {625000, 100 * MS}};
+
+TEST_CASE("endless noise fills a slow line and queues little")
+{
+    for (const line_row &row : LINES)
+        for (uint64_t tick : {MS, 16 * MS})
+            for (uint64_t late : {(uint64_t)0, 20 * MS}) {
+                CAPTURE(row.rate);
+                CAPTURE(tick);
+                CAPTURE(late);
+                start(640, 384, row.rate, row.trip_us, 0);
+                tick_us = tick;
+                line.ack_late_us = late;
+                play_video({0, 0, 640, 384}, NEVER);
+                run_for(SECOND);
+                uint64_t carried = line.bytes - (line.free_us - now_us) * row.rate / SECOND;
+                line.queue.clear();
+                run_for(8 * SECOND);
+                carried = line.bytes - (line.free_us - now_us) * row.rate / SECOND - carried;
+                CHECK(line.dropped == 0);
+                CHECK(carried >= row.rate * 8 * 9 / 10);
+                CHECK(percentile(line.queue, 50) <= 60 * MS);
+                CHECK(percentile(line.queue, 95) <= 100 * MS);
+            }
+}
+
+// Delays from a key at the viewer to the character in its picture, beside a video.
+static std::vector<uint64_t> typing_delays(const line_row &row, bool paced)
+{
+    start(640, 384, row.rate, row.trip_us);
+    paces_bytes = paced;
+    draw_page({0, 0, 640, 384}, 0x203040);
+    run_for(4 * SECOND);
+    play_video({256, 64, 576, 256}, NEVER);
+    run_for(2 * SECOND);
+    std::vector<uint64_t> delays;
+    static uint64_t pressed;
+    static int32_t x;
+    static bool waits;
+    waits = false;
+    on_shown = [&] {
+        int32_t cell = x;
+        if (waits && memcmp(&viewer.pixels[320 * viewer.pitch + (size_t)cell * 4],
+                            desktop_at(cell, 320), 4) == 0) {
+            delays.push_back(now_us - pressed);
+            waits = false;
+        }
+    };
+    for (x = 0; x < 240; x += 8) {
+        // At any time of the host's, which run_for does not end at.
+        pressed = now_us + random_pixels.below(100 * MS);
+        at(pressed, press_key);
+        // The program draws the character a little later.
+        at(pressed + row.trip_us / 2 + 3 * MS, [] {
+            fill({x, 316, x + 7, 326}, 0xFF000000 | (uint32_t)random_pixels.below(0xFFFFFF));
+            waits = true;
+        });
+        run_until(pressed + 200 * MS);
+        while (now_us - pressed < 4 * SECOND && delays.size() * 8 < (size_t)x + 8)
+            run_for(20 * MS);
+    }
+    return delays;
+}
+
+TEST_CASE("typing beside a video shows within the round trip and 110 ms")
+{
+    for (const line_row &row : LINES) {
+        CAPTURE(row.rate);
+        std::vector<uint64_t> delays = typing_delays(row, true);
+        CHECK(delays.size() == 30);
+        MESSAGE(row.rate << " bytes/s: median " << percentile(delays, 50) / MS << " ms, 95th "
+                         << percentile(delays, 95) / MS << " ms");
+        CHECK(percentile(delays, 50) <= row.trip_us + 110 * MS);
+    }
+}
+
+TEST_CASE("a screen that the viewer has cached is back within the round trip and 150 ms")
+{
+    for (const line_row &row : LINES) {
+        CAPTURE(row.rate);
+        start(1280, 768, row.rate, row.trip_us);
+        draw_page({0, 0, 1280, 768}, 0x203040);
+        run_for(6 * SECOND);
+        REQUIRE(picture_right());
+        draw_page({0, 0, 1280, 768}, 0x804020);
+        run_for(6 * SECOND);
+        REQUIRE(picture_right());
+        uint64_t left = now_us;
+        uint64_t back = 0;
+        on_shown = [&] {
+            if (back == 0 && picture_right())
+                back = now_us;
+        };
+        draw_page({0, 0, 1280, 768}, 0x203040);
+        run_for(3 * SECOND);
+        REQUIRE(back != 0);
+        MESSAGE(row.rate << " bytes/s: " << (back - left) / MS << " ms");
+        CHECK(back - left <= row.trip_us + 150 * MS);
+    }
+}
+
+// A window dragged over a page, as a capture that reports moves sees it: 30 places a second.
+// Its corner has a colour of its own in each place.
+TEST_CASE("a dragged window follows within the round trip and 60 ms, thirty times a second")
+{
+    for (const line_row &row : LINES) {
+        CAPTURE(row.rate);
+        start(1280, 768, row.rate, row.trip_us);
+        draw_page({0, 0, 1280, 768}, 0x203040);
+        std::vector<uint8_t> page = desktop.pixels;
+        run_for(6 * SECOND);
+        REQUIRE(picture_right());
+        static constexpr int32_t W = 300, H = 200, TOP = 150, STEP = 9;
+        int32_t x = 100;
+        draw_page({x, TOP, x + W, TOP + H}, 0x804020);
+        run_for(2 * SECOND);
+
+        static constexpr int PLACES = 60;
+        std::vector<uint64_t> drawn, shown;
+        on_shown = [&] {
+            for (size_t i = shown.size(); i < drawn.size(); i++)
+                if (load_le32(&viewer.pixels[TOP * viewer.pitch +
+                                             (size_t)(100 + STEP * ((int)i + 1)) * 4]) ==
+                    0xFF000001 + i)
+                    shown.resize(i + 1, now_us); // those that were passed over, too
+        };
+        for (int i = 0; i < PLACES; i++)
+            at(now_us + (uint64_t)i * 33 * MS + MS, [&] {
+                move_block({x, TOP, x + STEP, TOP, W, H});
+                for (int32_t y = TOP; y < TOP + H; y++)
+                    memcpy(desktop_at(x, y), &page[((size_t)y * 1280 + (size_t)x) * 4],
+                           STEP * 4);
+                desktop.dirty.push_back({x, TOP, x + STEP, TOP + H});
+                x += STEP;
+                fill({x, TOP, x + 1, TOP + 1}, 0xFF000001 + (uint32_t)drawn.size());
+                drawn.push_back(now_us);
+            });
+        size_t before = line.queue.size();
+        run_for(PLACES * 33 * MS);
+        size_t frames = line.queue.size() - before;
+        run_for(SECOND);
+        REQUIRE(shown.size() == PLACES);
+        CHECK(picture_right());
+        std::vector<uint64_t> delays;
+        for (size_t i = 0; i < PLACES; i++)
+            delays.push_back(shown[i] - drawn[i]);
+        MESSAGE(row.rate << " bytes/s: median " << percentile(delays, 50) / MS << " ms, 95th "
+                         << percentile(delays, 95) / MS << " ms, " << frames << " frames");
+        CHECK(percentile(delays, 50) <= row.trip_us + 60 * MS);
+        CHECK(frames >= PLACES * 9 / 10);
+    }
+}
+
+// ---------------------------------------------------------------------------------------
+// Rules
+
+// The frames that the viewer has got, each its tiles in order.
+struct got_tile {
+    int32_t tx, ty;
+    bool reference;
+};
+static std::vector<std::vector<got_tile>> frames_got;
+static std::vector<size_t> sizes_got;
+
+static void note_frames()
+{
+    frames_got.clear();
+    sizes_got.clear();
+    auto send = flush_hook;
+    flush_hook = [send] {
+        std::vector<got_tile> tiles;
+        for (const model_message &m : model_split({out_bytes(), out_bytes() + out_used()})) {
+            if (m.type == MSG_TILE) {
+                tile_head head = get_tile_head(m.payload.data());
+                tiles.push_back({head.tile_x, head.tile_y, false});
+            } else if (m.type == MSG_TILE_REF) {
+                tile_ref ref = get_tile_ref(m.payload.data());
+                tiles.push_back({ref.tile_x, ref.tile_y, true});
+            }
+        }
+        frames_got.push_back(tiles);
+        sizes_got.push_back(out_used());
+        send();
+    };
+}
+
+// A session at rest on the slower line, in which a white screen of 10 x 6 tiles was shown.
+static void start_at_rest(uint16_t caps = CAP_TILE_CACHE)
+{
+    start(640, 384, 625000, 100 * MS, caps);
+    fill({0, 0, 640, 384}, 0xFFFFFFFF);
+    run_for(3 * SECOND);
+    REQUIRE(picture_right());
+    note_frames();
+}
+
+TEST_CASE("a frame takes references first, then tiles with little change, then the rest")
+{
+    start_at_rest();
+    draw_noise(tile_rect(3, 3)); // to be referred to
+    run_for(SECOND);
+    std::vector<uint8_t> known = viewer.tile(3, 3);
+    frames_got.clear();
+
+    draw_noise(tile_rect(0, 0));
+    draw_noise(tile_rect(1, 0));
+    fill({5 * 64, 2 * 64, 5 * 64 + 16, 2 * 64 + 16}, RED);
+    fill({6 * 64, 2 * 64, 6 * 64 + 32, 2 * 64 + 32}, RED); // 4 cells
+    fill({7 * 64, 2 * 64, 7 * 64 + 33, 2 * 64 + 16}, RED); // 3 cells
+    fill({8 * 64, 2 * 64, 8 * 64 + 33, 2 * 64 + 32}, RED); // 6 cells: not small
+    for (int32_t y = 0; y < 64; y++)
+        memcpy(desktop_at(9 * 64, 5 * 64 + y), &known[(size_t)y * 256], 256);
+    desktop.dirty.push_back(tile_rect(9, 5));
+    run_for(SECOND);
+    CHECK(picture_right());
+    std::vector<got_tile> order;
+    for (auto &frame : frames_got)
+        order.insert(order.end(), frame.begin(), frame.end());
+    REQUIRE(order.size() == 7);
+    CHECK(order[0].reference);
+    CHECK(order[0].tx == 9);
+    const int32_t rest[][2] = {{5, 2}, {6, 2}, {7, 2}, {0, 0}, {1, 0}, {8, 2}};
+    for (size_t i = 0; i < 6; i++) {
+        CAPTURE(i);
+        CHECK_FALSE(order[i + 1].reference);
+        CHECK(order[i + 1].tx == rest[i][0]);
+        CHECK(order[i + 1].ty == rest[i][1]);
+    }
+}
+
+TEST_CASE("after an input small tiles near the pointer come first")
+{
+    for (bool input : {true, false}) {
+        CAPTURE(input);
+        start_at_rest();
+        cursor_script_now = {8 * 64 + 5, 4 * 64 + 5, 1};
+        run_for(SECOND);
+        frames_got.clear();
+        if (input)
+            press_key();
+        run_for(200 * MS);
+        for (int32_t tx : {0, 6, 9})
+            draw_noise({tx * 64, 4 * 64, tx * 64 + 16, 4 * 64 + 16});
+        draw_noise({8 * 64, 64, 8 * 64 + 16, 64 + 16}); // three tiles above the pointer
+        frames_got.clear();
+        run_for(SECOND);
+        REQUIRE_FALSE(frames_got.empty());
+        REQUIRE(frames_got[0].size() == 4);
+        std::vector<int32_t> columns;
+        for (const got_tile &tile : frames_got[0])
+            columns.push_back(tile.tx);
+        CHECK(columns ==
+              (input ? std::vector<int32_t>{6, 9, 8, 0} : std::vector<int32_t>{8, 0, 6, 9}));
+    }
+}
+
+TEST_CASE("small tiles take half of a frame, in turn, and the rest has its turn as well")
+{
+    start_at_rest(0);
+    // Small changes everywhere in four rows, more of them than half a frame takes, and two
+    // tiles of noise, for ever.
+    std::function<void()> draw = [&] {
+        for (int32_t ty = 0; ty < 4; ty++)
+            for (int32_t tx = 0; tx < 10; tx++)
+                draw_noise({tx * 64, ty * 64, tx * 64 + 32, ty * 64 + 32});
+        draw_noise(tile_rect(4, 5));
+        draw_noise(tile_rect(5, 5));
+        at(now_us + 16 * MS, draw);
+    };
+    draw();
+    run_for(3 * SECOND);
+    frames_got.clear();
+    sizes_got.clear();
+    run_for(10 * SECOND);
+    int32_t sent[60] = {};
+    for (size_t i = 0; i + 1 < frames_got.size(); i++) {
+        size_t small = 0, large = 0;
+        for (const got_tile &tile : frames_got[i]) {
+            sent[tile.ty * 10 + tile.tx]++;
+            (tile.ty == 5 ? large : small)++;
+        }
+        CHECK(large + small > 0);
+    }
+    int32_t least = 1000, most = 0;
+    for (int32_t tile = 0; tile < 40; tile++) {
+        least = std::min(least, sent[tile]);
+        most = std::max(most, sent[tile]);
+    }
+    CHECK(least >= 10);
+    CHECK(most <= 3 * least); // some go with the rest, too
+    CHECK(sent[54] >= 5);
+    CHECK(sent[55] >= 5);
+    CHECK(line.dropped == 0);
+}
+
+TEST_CASE("without room nothing is captured, and an acknowledgement wakes the host")
+{
+    start_at_rest(0);
+    play_video({0, 0, 640, 384}, NEVER);
+    run_for(2 * SECOND);
+    line.silent = true;
+    run_for(SECOND); // what was under way is answered
+    int captures = line.captures;
+    frames_got.clear();
+    run_for(1900 * MS);
+    CHECK(line.captures - captures <= 1);
+    CHECK(frames_got.size() <= 1);
+    captures = line.captures;
+    frames_got.clear();
+    run_for(20 * SECOND); // one goes every two seconds
+    CHECK(frames_got.size() >= 9);
+    CHECK(frames_got.size() <= 10);
+    CHECK(line.captures - captures <= 10);
+
+    // The next answer is acted on within the pause that it cuts short.
+    line.silent = false;
+    uint64_t answered = 0;
+    size_t before = 0;
+    on_shown = [&] {
+        if (answered == 0) {
+            answered = now_us + line.trip_us / 2;
+            before = frames_got.size();
+        }
+    };
+    while (answered == 0 || now_us < answered)
+        REQUIRE(frame_pipeline_step(&session));
+    while (now_us < answered + 20 * MS && frames_got.size() == before)
+        REQUIRE(frame_pipeline_step(&session));
+    CHECK(frames_got.size() > before);
+    on_shown = nullptr;
+}
+
+TEST_CASE("a wait ends at once when the session does")
+{
+    start_at_rest(0);
+    play_video({0, 0, 640, 384}, NEVER);
+    run_for(2 * SECOND);
+    line.silent = true;
+    run_for(SECOND);
+    uint64_t asked = now_us + 100 * MS;
+    at(asked, [] {
+        session.session_ended = 1;
+        capture_pace_news(); // as the control thread does
+    });
+    REQUIRE(frame_pipeline_step(&session));
+    while (session.session_ended == 0)
+        REQUIRE(frame_pipeline_step(&session));
+    CHECK(now_us == asked);
+}
+
+TEST_CASE("paced by bytes a queue is short that is long otherwise")
+{
+    for (bool paced : {true, false}) {
+        CAPTURE(paced);
+        start(1280, 768, 625000, 100 * MS, 0);
+        paces_bytes = paced;
+        play_video({0, 0, 1280, 768}, NEVER);
+        run_for(5 * SECOND);
+        CHECK((line.free_us > now_us + 500 * MS) == !paced);
+        CHECK((line.dropped > 0) == !paced);
+    }
+}
+
+TEST_CASE("a peer that answers at once sees the same frames with and without")
+{
+    std::vector<std::vector<uint64_t>> seen[2];
+    for (bool paced : {false, true}) {
+        start(640, 384, 1000000000, 0);
+        session.key_trip_us = session.hello_trip_us = 200; // at once
+        paces_bytes = paced;
+        random_pixels = {99};
+        note_frames();
+        play_video({0, 0, 640, 384}, NEVER);
+        run_for(3 * SECOND);
+        REQUIRE(frames_got.size() > 30);
+        for (size_t i = 0; i < frames_got.size(); i++) {
+            std::vector<uint64_t> frame = {sizes_got[i]};
+            for (const got_tile &tile : frames_got[i])
+                frame.push_back((uint64_t)tile.ty * 100 + (uint64_t)tile.tx);
+            seen[paced].push_back(frame);
+        }
+    }
+    CHECK(seen[0] == seen[1]);
+}
