@@ -205,7 +205,7 @@ TEST_CASE("a console that moved or changed its size is sent whole with its new r
     static const console_view rows[] = {
         {101, 50, 340, 114, 4, 3}, {100, 51, 340, 114, 4, 3}, {100, 50, 341, 114, 4, 3},
         {100, 50, 340, 115, 4, 3}, {100, 50, 340, 114, 3, 4}, {100, 50, 340, 114, 4, 2},
-        {-9, -8, 231, 56, 4, 3},
+        {100, 50, 340, 114, 5, 3}, {-9, -8, 231, 56, 4, 3},
     };
     for (const console_view &view : rows) {
         CAPTURE(view.left);
