@@ -76,7 +76,7 @@ outcome lobby::enters(guest &g, double now)
 
 outcome lobby::ends(connection_id id)
 {
-    const outcome o = rooms_.ends(id);
+    outcome o = rooms_.ends(id);
     publish();
     return o;
 }
