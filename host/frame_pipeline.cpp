@@ -7,6 +7,7 @@
 //   pacing_step()       too many frames unacknowledged: the iteration ends, all of it waits
 //   -- host_lock ----
 //   apply_moves()       both pictures, prev_frame and the viewer's, take the screen's moves
+//   find_moves()        the same with moves found in the pictures, where none are reported
 //   text_layer_step()   the console in front goes as text; its tiles wait until it goes
 //   window_list_step()  the visible windows, if the host is to tell them and they changed
 //   walk_tiles()        each dirty tile that differs from prev_frame: a reference, a
@@ -33,6 +34,7 @@
 #include "host/host_server.h"
 #include "host/line_pacing.h"
 #include "host/lz4_block.h"
+#include "host/move_search.h"
 #include "host/out_buffer.h"
 #include "host/screen.h"
 #include "host/server_wake.h"
@@ -54,6 +56,7 @@ namespace host
 std::atomic<uint32_t> frame_seq;
 uint16_t peer_caps;
 bool paces_bytes = true;
+bool finds_moves = true;
 
 // Host server thread only.
 static struct {
@@ -84,6 +87,10 @@ static line_tile line_tiles[LINE_TILES_MAX];
 // The difference of one tile; static because 16 KiB are much for a stack. Host server thread
 // only.
 alignas(64) static uint8_t tile_delta[TILE_BYTES];
+
+// The search for moves; host server thread, under host_lock.
+static move_search moves;
+static move_tile move_tiles[MOVE_TILES_MAX];
 
 constexpr uint64_t TILE_MESSAGE_HEAD = MESSAGE_HEADER_BYTES + TILE_HEAD_BYTES;
 constexpr uint64_t CURSOR_MESSAGE = MESSAGE_HEADER_BYTES + CURSOR_BYTES;
@@ -117,20 +124,24 @@ static bool move_source_certain(const copy_rect &move, uint32_t confirmed_seq)
     return true;
 }
 
-// Moves pixels of prev_frame the way the viewer does: rows from the bottom up when the
-// picture moves down, so that a source row is read before it is overwritten.
-static void move_prev_frame(const copy_rect &move) REQUIRES(host_lock)
+// Appends a move to a message and notes that the viewer shows something where it went.
+static void record_move(const copy_rect &move, uint8_t *message, uint32_t *length)
+    REQUIRES(host_lock)
 {
-    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
-    uint64_t bytes = (uint64_t)move.w * PIXEL_BYTES;
-    uint8_t *src =
-        screen.prev_frame + (uint64_t)move.src_y * pitch + (uint64_t)move.src_x * PIXEL_BYTES;
-    uint8_t *dst =
-        screen.prev_frame + (uint64_t)move.dst_y * pitch + (uint64_t)move.dst_x * PIXEL_BYTES;
-    for (int32_t i = 0; i < move.h; i++) {
-        uint64_t row = (uint64_t)(move.dst_y > move.src_y ? move.h - 1 - i : i);
-        memmove(dst + row * pitch, src + row * pitch, bytes);
-    }
+    tile_span span = tiles_of(move.dst_x, move.dst_y, move.w, move.h);
+    for (int32_t ty = span.top; ty <= span.bottom; ty++)
+        for (int32_t tx = span.left; tx <= span.right; tx++)
+            base_at(tx, ty)->base_blank = 0;
+    put_copy_rect(message + MESSAGE_HEADER_BYTES + *length, move);
+    *length += COPY_RECT_BYTES;
+}
+
+// The viewer's picture has the size that it was told. On a screen of another size its pixels
+// and ours do not lie in the same places.
+static bool viewer_has_size()
+{
+    return screen.screen_width == screen.hello_width &&
+           screen.screen_height == screen.hello_height;
 }
 
 // Applies the captured moves to prev_frame, in order, and appends those that it applied.
@@ -145,10 +156,7 @@ static void apply_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
 {
     int32_t count = screen.move_count;
     screen.move_count = 0;
-    // The viewer's picture has the size that it was told. On a screen of another size its
-    // pixels and ours do not lie in the same places.
-    if (count == 0 || screen.screen_width != screen.hello_width ||
-        screen.screen_height != screen.hello_height)
+    if (count == 0 || !viewer_has_size())
         return;
 
     uint8_t *message = out_reserve(MESSAGE_HEADER_BYTES + (size_t)count * COPY_RECT_BYTES);
@@ -159,16 +167,74 @@ static void apply_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
         const copy_rect &move = screen.move_list[i];
         if (!move_source_certain(move, confirmed_seq))
             continue;
-        move_prev_frame(move);
-        tile_span span = tiles_of(move.dst_x, move.dst_y, move.w, move.h);
-        for (int32_t ty = span.top; ty <= span.bottom; ty++)
-            for (int32_t tx = span.left; tx <= span.right; tx++)
-                base_at(tx, ty)->base_blank = 0;
-        put_copy_rect(message + MESSAGE_HEADER_BYTES + length, move);
-        length += COPY_RECT_BYTES;
+        move_pixels(screen.prev_frame, (uint64_t)screen.padded_width * PIXEL_BYTES, move);
+        record_move(move, message, &length);
     }
     if (length == 0)
         return;
+    put_header(message, MSG_COPY_RECTS, length);
+    out_commit(MESSAGE_HEADER_BYTES + length);
+}
+
+static std::atomic<uint8_t> *dirty_at(int32_t tx, int32_t ty)
+{
+    return &screen.dirty_map[(int64_t)ty * screen.tiles_x + tx];
+}
+
+// Compares the dirty tiles for the search and returns how many changed. Those that did not are
+// done with.
+static int32_t compare_tiles(uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    int32_t changed = 0;
+    move_tile *tile = move_tiles;
+    for (int32_t ty = 0; ty < screen.tiles_y; ty++)
+        for (int32_t tx = 0; tx < screen.tiles_x; tx++, tile++) {
+            const tile_base &base = *base_at(tx, ty);
+            *tile = {};
+            tile->uncertain = tile_base_uncertain(base, confirmed_seq);
+            tile->apart = tile->uncertain || base.must_send || text_layer_covers(tx, ty);
+            if (tile->apart || *dirty_at(tx, ty) == 0)
+                continue;
+            uint64_t at = tile_offset(screen.padded_width, tx, ty);
+            tile->changed =
+                !tile_equal(screen.frame_buffer + at, screen.prev_frame + at, pitch);
+            if (tile->changed)
+                changed++;
+            else
+                *dirty_at(tx, ty) = 0;
+        }
+    return changed;
+}
+
+// Looks for what moved since the last frame, where the capture does not say.
+//
+// The search wants to know which dirty tiles changed. So the walk finds those only that did,
+// and those under a move, to look at again.
+static void find_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    if (!finds_moves || capture_is_duplication() || !viewer_has_size() ||
+        (int64_t)screen.tiles_x * screen.tiles_y > MOVE_TILES_MAX)
+        return;
+    if (compare_tiles(confirmed_seq) < MOVE_TILES_MIN)
+        return;
+    uint8_t *message = out_reserve(MESSAGE_HEADER_BYTES + MOVES_FOUND_MAX * COPY_RECT_BYTES);
+    if (!message)
+        return; // the flush fails, and the session with it
+    move_pictures pictures = {screen.frame_buffer, screen.prev_frame, screen.screen_width,
+                              screen.screen_height, screen.padded_width};
+    copy_rect found[MOVES_FOUND_MAX];
+    int32_t count = move_search_frame(&moves, pictures, move_tiles, found);
+    if (count == 0)
+        return;
+    uint32_t length = 0;
+    for (int32_t i = 0; i < count; i++) {
+        record_move(found[i], message, &length);
+        tile_span span = tiles_of(found[i].dst_x, found[i].dst_y, found[i].w, found[i].h);
+        for (int32_t ty = span.top; ty <= span.bottom; ty++)
+            for (int32_t tx = span.left; tx <= span.right; tx++)
+                *dirty_at(tx, ty) = 1;
+    }
     put_header(message, MSG_COPY_RECTS, length);
     out_commit(MESSAGE_HEADER_BYTES + length);
 }
@@ -228,11 +294,6 @@ struct frame_tiles {
 static bool tile_on_screen(int32_t tx, int32_t ty)
 {
     return tx < screen.tiles_x && ty < screen.tiles_y;
-}
-
-static std::atomic<uint8_t> *dirty_at(int32_t tx, int32_t ty)
-{
-    return &screen.dirty_map[(int64_t)ty * screen.tiles_x + tx];
 }
 
 // Whether a tile of the hello's grid, columns wide, is to be examined. Under the text layer
@@ -668,7 +729,10 @@ bool frame_pipeline_step(host_session *session)
     int32_t budget = session->tile_budget;
     lock_enter(&host_lock);
     uint32_t confirmed_seq = session->confirmed_seq;
-    apply_moves(confirmed_seq);
+    if (screen.move_count > 0)
+        apply_moves(confirmed_seq);
+    else
+        find_moves(confirmed_seq);
     text_layer_step();
     window_list_step();
     frame_tiles sent =
@@ -700,6 +764,7 @@ void frame_pipeline_start(uint16_t caps)
     lock_enter(&host_lock);
     screen_session_start();
     cache_mirror_reset();
+    move_search_reset(&moves);
     lock_leave(&host_lock);
     peer_caps = caps;
     pipeline.walk_tx = 0;

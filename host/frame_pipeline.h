@@ -21,6 +21,10 @@ extern uint16_t peer_caps;
 // tests and benchmarks compare; changed between sessions only.
 extern bool paces_bytes;
 
+// Whether moves are looked for in the pictures of a capture that reports none. True, except
+// where a test or a benchmark wants to know the difference. Server thread.
+extern bool finds_moves;
+
 // Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
 void frame_pipeline_start(uint16_t caps);
 

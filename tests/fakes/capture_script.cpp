@@ -2,6 +2,7 @@
 
 std::function<host::capture_result()> capture_script_step;
 std::function<void()> capture_script_start;
+bool capture_script_duplicates;
 
 namespace host
 {
@@ -15,7 +16,7 @@ int capture_start()
 
 bool capture_is_duplication()
 {
-    return false;
+    return capture_script_duplicates;
 }
 
 capture_result capture_step()

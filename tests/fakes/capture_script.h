@@ -13,4 +13,7 @@ extern std::function<host::capture_result()> capture_script_step;
 // What capture_start does besides reporting GDI: set the first screen size, say.
 extern std::function<void()> capture_script_start;
 
+// What capture_is_duplication says.
+extern bool capture_script_duplicates;
+
 #endif

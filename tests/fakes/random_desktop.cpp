@@ -175,6 +175,28 @@ static void move_onto_black()
         desktop_draw(tile, below(PATTERNS)); // what moved there is seen by the viewer alone
 }
 
+// A window of noise opens, or its content moves a little: what a host has to find by itself
+// where no duplication reports it.
+static void scroll_window()
+{
+    capture_box *window = &desktop.window;
+    if (window->right == 0 || one_in(8)) {
+        int32_t w = 100 + below(300), h = 100 + below(200);
+        w = w > desktop.width ? desktop.width : w;
+        h = h > desktop.height ? desktop.height : h;
+        int32_t x = below(desktop.width - w + 1), y = below(desktop.height - h + 1);
+        *window = {x, y, x + w, y + h};
+        desktop_draw(*window, NOISE);
+        return;
+    }
+    int32_t dx = one_in(2) ? 0 : below(31) - 15, dy = below(61) - 30;
+    capture_box to = *window; // where what stays in the window comes to lie
+    (dx > 0 ? to.left : to.right) += dx;
+    (dy > 0 ? to.top : to.bottom) += dy;
+    if (to.left < to.right && to.top < to.bottom)
+        move_block({to.left - dx, to.top - dy, to});
+}
+
 // A move that reaches off the screen, as drivers report them; nothing really moves.
 static void report_nonsense()
 {
@@ -196,7 +218,9 @@ static void report_nonsense()
 
 void desktop_change()
 {
-    if (one_in(4))
+    if (!desktop.duplicates && one_in(2))
+        scroll_window();
+    else if (one_in(4))
         desktop_draw(desktop_box(), below(PATTERN_END));
     else if (one_in(3))
         desktop_draw(desktop_box(), below(GRADIENT));
@@ -218,6 +242,7 @@ void desktop_resize(int32_t width, int32_t height)
     desktop.width = width;
     desktop.height = height;
     desktop.pixels.assign((size_t)width * (size_t)height, 0);
+    desktop.window = {};
     desktop.moves.clear();
     desktop.dirty.clear();
     desktop.changes = 1;

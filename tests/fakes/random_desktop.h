@@ -34,6 +34,7 @@ struct random_desktop {
     bool whole;                   // a duplication has not shown the desktop yet
     int32_t changes;              // since it did
     int32_t openings;             // of the duplication, tried or done
+    host::capture_box window;     // of which the content scrolls; empty: none yet
     int32_t spot_x, spot_y;       // where changes are worth more than elsewhere
     std::vector<host::capture_move> moves;
     std::vector<host::capture_box> dirty;

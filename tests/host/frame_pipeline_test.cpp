@@ -1365,6 +1365,214 @@ TEST_CASE("no moves are sent while the screen differs in size from the viewer's 
 }
 
 // ---------------------------------------------------------------------------------------
+// Moves that nobody reported
+
+// Moves a block without a word; the capture copies the whole screen.
+static void move_unreported(copy_rect m)
+{
+    move_block(m);
+    desktop.moves.clear();
+    desktop.dirty.assign(1, whole());
+}
+
+static std::vector<copy_rect> moves_in(const std::vector<model_message> &messages)
+{
+    std::vector<copy_rect> moves;
+    for (const model_message &m : messages)
+        if (m.type == MSG_COPY_RECTS)
+            for (size_t at = 0; at < m.payload.size(); at += COPY_RECT_BYTES)
+                moves.push_back(get_copy_rect(&m.payload[at]));
+    return moves;
+}
+
+TEST_CASE("a scroll that is not reported is found, and only the new rows are sent")
+{
+    test_random random = test_random_seeded("found scroll");
+    for (bool search : {true, false}) {
+        start(320, 256, 0);
+        finds_moves = search;
+        fill_noise(whole(), &random);
+        step();
+        move_unreported({0, 5, 0, 0, 320, 251});
+        fill_noise({0, 251, 320, 256}, &random);
+        desktop.dirty.assign(1, whole());
+        std::vector<model_message> frame = step();
+        CHECK(tiles_in(frame).size() == (search ? 5 : 20));
+        CHECK(count_type(frame, MSG_COPY_RECTS) == (search ? 1 : 0));
+        if (search) {
+            copy_rect due = {0, 5, 0, 0, 320, 251};
+            CHECK(frame[0].type == MSG_COPY_RECTS);
+            REQUIRE(moves_in(frame).size() == 1);
+            CHECK(memcmp(&moves_in(frame)[0], &due, sizeof due) == 0);
+            for (const tile_ref &t : tiles_in(frame))
+                CHECK(t.tile_y == 3);
+        }
+        CHECK(picture_right());
+        CHECK(step().empty());
+    }
+    finds_moves = true;
+}
+
+TEST_CASE("a capture that reports moves is believed when it reports none")
+{
+    test_random random = test_random_seeded("duplication");
+    for (bool duplicates : {true, false}) {
+        capture_script_duplicates = duplicates;
+        start(320, 256, 0);
+        fill_noise(whole(), &random);
+        step();
+        move_unreported({0, 5, 0, 0, 320, 251});
+        CHECK(count_type(step(), MSG_COPY_RECTS) == (duplicates ? 0 : 1));
+        CHECK(picture_right());
+    }
+}
+
+TEST_CASE("in a frame the text layer follows the moves that were found")
+{
+    start(256, 256, CAP_TILE_CACHE | CAP_TEXT_LAYER);
+    test_random random = test_random_seeded("found order");
+    fill_noise(whole(), &random);
+    step();
+    console_script_show({0, 0, 60, 60, 8, 4});
+    move_unreported({0, 0, 64, 0, 190, 200});
+    std::vector<model_message> frame = step();
+    REQUIRE(frame.size() > 2);
+    CHECK(frame[0].type == MSG_COPY_RECTS);
+    CHECK(frame[1].type == MSG_TEXT_LAYER);
+    CHECK(picture_right());
+}
+
+TEST_CASE("tiles under the text layer are no reason to look for moves")
+{
+    test_random random = test_random_seeded("found under text");
+    for (int32_t shown : {3, 4}) {
+        start(256, 256, CAP_TILE_CACHE | CAP_TEXT_LAYER);
+        fill_noise(whole(), &random);
+        console_script_show({0, 0, 256, 192, 8, 4}); // the upper twelve tiles
+        step();
+        move_unreported({0, 1, 0, 0, shown * 64, 255});
+        CHECK(moves_in(step()).size() == (shown == 4 ? 1 : 0));
+        console_script_reset();
+        step();
+        CHECK(picture_right());
+    }
+}
+
+TEST_CASE("no moves are looked for while the screen differs in size from the viewer's picture")
+{
+    start(320, 200, 0);
+    test_random random = test_random_seeded("found sizes");
+    const struct {
+        int32_t width, height;
+    } sizes[] = {{300, 200}, {319, 200}, {340, 200}, {320, 199}, {320, 260}, {320, 200}};
+    for (auto &size : sizes) {
+        CAPTURE(size.width);
+        CAPTURE(size.height);
+        resize_desktop(size.width, size.height);
+        fill_noise(whole(), &random);
+        CHECK(step().empty());
+        step();
+        CHECK(picture_right());
+        move_unreported({0, 9, 0, 0, size.width, size.height - 9});
+        CHECK(moves_in(step()).size() == (size.width == 320 && size.height == 200 ? 1 : 0));
+        CHECK(picture_right());
+    }
+}
+
+TEST_CASE("nothing is moved from a tile of which the reference is not confirmed")
+{
+    test_random random = test_random_seeded("found uncertain");
+    for (bool confirmed : {true, false}) {
+        start(320, 320);
+        fill_noise(tile_rect(1, 1), &random);
+        step(); // what is referenced below
+        std::vector<uint8_t> kept;
+        for (int32_t y = 64; y < 128; y++)
+            kept.insert(kept.end(), desktop_at(64, y), desktop_at(64, y) + 256);
+        fill_noise(whole(), &random);
+        step();
+        for (int32_t y = 0; y < 64; y++)
+            memcpy(desktop_at(128, 128 + y), &kept[(size_t)y * 256], 256);
+        desktop.dirty.push_back(tile_rect(2, 2));
+        CHECK(count_type(step_unanswered(), MSG_TILE_REF) == 1);
+        if (confirmed)
+            acknowledge(viewer.last_end.frame_seq);
+        else
+            session.acked_seq = frame_seq.load();
+        move_unreported({0, 0, 11, 7, 309, 313});
+        std::vector<model_message> frame = step_unanswered();
+        for (const copy_rect &m : moves_in(frame)) {
+            bool touches =
+                m.src_x < 192 && m.src_x + m.w > 128 && m.src_y < 192 && m.src_y + m.h > 128;
+            CHECK(touches == confirmed);
+        }
+        CHECK(moves_in(frame).size() == (confirmed ? 1 : 0));
+        CHECK(picture_right());
+    }
+}
+
+TEST_CASE("a found move takes the blank off the tiles that it draws on")
+{
+    start(512, 256);
+    test_random random = test_random_seeded("found blank");
+    fill_noise({0, 0, 192, 192}, &random);
+    step();
+    viewer_forgets(teach(RED)); // in tile 0, 0
+    fill_noise({0, 0, 192, 192}, &random);
+    step();
+    CHECK(base_of(4, 1).base_blank == 1);
+    std::vector<uint8_t> black((size_t)desktop.width * (size_t)desktop.height * 4);
+    move_block({0, 0, 200, 30, 192, 192});
+    fill({0, 0, 192, 192}, 0);
+    desktop.moves.clear();
+    std::vector<model_message> frame = step();
+    REQUIRE(moves_in(frame).size() == 1);
+    CHECK(base_of(4, 1).base_blank == 0);
+    CHECK(base_of(7, 3).base_blank == 1);
+    CHECK(picture_right());
+}
+
+TEST_CASE("what a found move spoils is sent in the same frame")
+{
+    start(640, 512, 0);
+    test_random random = test_random_seeded("found spoils");
+    fill_noise(whole(), &random);
+    step();
+    std::vector<uint8_t> kept;
+    for (int32_t y = 128; y < 192; y++)
+        kept.insert(kept.end(), desktop_at(256, y), desktop_at(256, y) + 256);
+    move_block({0, 9, 0, 0, 640, 503});
+    for (int32_t y = 0; y < 64; y++) // one tile stays where it was
+        memcpy(desktop_at(256, 128 + y), &kept[(size_t)y * 256], 256);
+    desktop.moves.clear();
+    desktop.dirty.assign(1, whole());
+    std::vector<model_message> frame = step();
+    REQUIRE(moves_in(frame).size() >= 1);
+    bool sent = false;
+    for (const tile_ref &t : tiles_in(frame))
+        sent = sent || (t.tile_x == 4 && t.tile_y == 2);
+    CHECK(sent);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a session knows nothing of the searches of the one before")
+{
+    start(320, 256, 0);
+    test_random random = test_random_seeded("found anew");
+    for (int i = 0; i < 5; i++) { // searched in vain four times; the next two are left out
+        fill_noise(whole(), &random);
+        step();
+    }
+    start_session(0);
+    desktop.dirty.assign(1, whole());
+    step(); // in vain
+    CHECK(picture_right());
+    move_unreported({0, 5, 0, 0, 320, 251});
+    CHECK(moves_in(step()).size() == 1);
+    CHECK(picture_right());
+}
+
+// ---------------------------------------------------------------------------------------
 // The text layer
 
 constexpr uint16_t CAPS = CAP_TILE_CACHE | CAP_TEXT_LAYER;

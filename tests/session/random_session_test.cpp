@@ -209,6 +209,8 @@ static int32_t look_at_messages()
             tiles++;
         } else if (header.type == MSG_COPY_RECTS) {
             happened["move"] += header.length / COPY_RECT_BYTES;
+            if (run.moves_captured == 0)
+                happened["move found"] += header.length / COPY_RECT_BYTES;
             if (header.length / COPY_RECT_BYTES < (uint32_t)run.moves_captured)
                 happened["move left out beside others"]++;
         } else if (header.type == MSG_TEXT_LAYER) {
@@ -1238,6 +1240,7 @@ static const struct {
     {"large screen", 1},
     {"miss", 700},
     {"move", 1000},
+    {"move found", 80},
     {"move left out beside others", 15},
     {"no screen to begin with", 10},
     {"picture compared at rest", 400},
