@@ -9,6 +9,7 @@
 // never matter to it; 2 on a usage error.
 #include "bench/groups.h"
 #include "bench/machine.h"
+#include "bench/moving.h"
 #include "bench/photon.h"
 #include "bench/picture.h"
 #include "bench/road.h"
@@ -109,6 +110,7 @@ int main(int argc, char **argv)
     int hidden = open("/dev/null", O_WRONLY);
     dup2(hidden, STDOUT_FILENO);
     road_measure(&lines, args.words);
+    moving_measure(&lines, args.words);
     photon_measure(&lines, args.words);
     tile_store_measure(&lines, args.words);
     fflush(stdout);

@@ -35,20 +35,9 @@ std::atomic<uint32_t> host::host_stop_requested;
 // ---------------------------------------------------------------------------------------
 // Scenes
 
-// What is on the screen. Frame 0 is the session's first picture and not measured, nor are
-// the frames before `first`.
-struct scene {
-    const char *name;
-    int32_t first, frames;
-    // Draws frame n into the screen; as duplication would, says what changed and moved.
-    std::function<void(int32_t n)> draw;
-    bool duplication;   // report what changed; otherwise the whole screen, as GDI does
-    double host_target; // the walk's time over the other side's
-    double viewer_target;
-};
+picture road_screen;
 
 static struct {
-    picture screen;
     std::vector<area> changed;
     std::vector<copy_rect> moves;
     std::vector<picture> desktops, photos;
@@ -59,7 +48,7 @@ static const picture &desktop_number(size_t n)
 {
     auto &all = stage_set.desktops;
     while (all.size() <= n) {
-        all.push_back(picture_make(stage_set.screen.width, stage_set.screen.height, 0));
+        all.push_back(picture_make(road_screen.width, road_screen.height, 0));
         draw_desktop(&all.back(), all.size() - 1);
     }
     return all[n];
@@ -69,7 +58,7 @@ static const picture &photo_number(size_t n)
 {
     auto &all = stage_set.photos;
     while (all.size() <= n) {
-        all.push_back(picture_make(stage_set.screen.width, stage_set.screen.height, 0));
+        all.push_back(picture_make(road_screen.width, road_screen.height, 0));
         draw_photo(&all.back(), picture_area(all.back()), 100 + all.size(), 0, 0, 3, 17);
     }
     return all[n];
@@ -79,7 +68,7 @@ static constexpr int32_t SCROLL_STEP = 63; // three lines of the document
 
 static void draw_scrolled(int32_t n)
 {
-    picture *screen = &stage_set.screen;
+    picture *screen = &road_screen;
     picture &page = stage_set.page;
     if (page.width == 0) {
         page = picture_make(screen->width, screen->height + 16 * SCROLL_STEP, 0);
@@ -96,7 +85,7 @@ static void draw_scrolled(int32_t n)
 
 static std::vector<scene> scenes_of(int32_t width, int32_t height)
 {
-    picture *screen = &stage_set.screen;
+    picture *screen = &road_screen;
     auto typing = [=](int32_t n) {
         if (n == 0)
             *screen = desktop_number(0);
@@ -145,13 +134,6 @@ static std::vector<scene> scenes_of(int32_t width, int32_t height)
 // ---------------------------------------------------------------------------------------
 // One frame's account
 
-struct frame_times {
-    double host, viewer; // without capture, link and cipher; nanoseconds
-    double stage[STAGES];
-    double bytes, tiles;
-    double host_other, viewer_other;
-};
-
 struct play {
     const scene *now;
     host::host_session *session;
@@ -160,6 +142,7 @@ struct play {
     bool right;
     int64_t viewer_from;        // when the viewer went on; 0: not yet
     double viewer_then[STAGES]; // the stages' times then
+    uint64_t moves_before;      // stage_moves_found when the frame began
     frame_times times;
     std::vector<uint8_t> before; // prev_frame when the frame began
     std::vector<frame_times> *account;
@@ -172,6 +155,7 @@ static void play_frame_begins(play *p)
     p->now->draw(p->frame);
     p->captured = false;
     p->times = {};
+    p->moves_before = stage_moves_found;
     memset(stages.ns, 0, sizeof stages.ns);
     // The same conditions for every frame, however long this machine took for the last.
     p->session->estimator = host::latency_start();
@@ -187,7 +171,7 @@ static host::capture_result take_picture(play *p)
     if (p->captured)
         return host::CAPTURE_NOTHING;
     p->captured = true;
-    const picture &from = stage_set.screen;
+    const picture &from = road_screen;
     const uint8_t *pixels = (const uint8_t *)from.pixels.data();
     int64_t start = bench_processor_time();
     if (p->now->duplication && p->frame > 0) {
@@ -304,7 +288,7 @@ static void play_others(play *p)
 // Whether the viewer shows the screen in every byte. Its lock is held by nobody here.
 static bool picture_right()
 {
-    const picture &screen = stage_set.screen;
+    const picture &screen = road_screen;
     lock_enter(&viewer::frame_lock);
     bool right = true;
     for (int32_t y = 0; y < screen.height; y++)
@@ -319,6 +303,7 @@ static bool picture_right()
 static void play_frame_ends(play *p)
 {
     memcpy(p->times.stage, stages.ns, sizeof stages.ns);
+    p->times.moves = (double)(stage_moves_found - p->moves_before);
     bool fine = stages.fine;
     stages.fine = false;
     p->right = p->right && picture_right();
@@ -369,10 +354,9 @@ static void open_channels(play *p)
         channel_take_receiver(&host::host_channel, &p->session->receiver);
 }
 
-// Plays the scene once; false when the viewer's picture was wrong at any time.
-static bool play_scene(const scene &now, std::vector<frame_times> *account)
+bool road_play(const scene &now, std::vector<frame_times> *account)
 {
-    const picture &screen = stage_set.screen;
+    const picture &screen = road_screen;
     lock_init(&host::host_lock);
     host::screen.hello_width = host::screen.hello_height = 0;
     if (!host::screen_resize(screen.width, screen.height) ||
@@ -521,7 +505,7 @@ void road_measure(std::vector<bench_line> *lines, const std::vector<std::string>
         sizes = {{1920, 1080, 2}};
     for (const screen_size &size : sizes) {
         stage_set = {};
-        stage_set.screen = picture_make(size.width, size.height, 0);
+        road_screen = picture_make(size.width, size.height, 0);
         std::string text = std::to_string(size.width) + "x" + std::to_string(size.height);
         std::vector<scene> scenes = scenes_of(size.width, size.height);
         std::vector<scene_account> accounts(scenes.size());
@@ -532,7 +516,7 @@ void road_measure(std::vector<bench_line> *lines, const std::vector<std::string>
                 stages.fine = pass % 2 == 1;
                 scene_account *account = &accounts[i];
                 account->right =
-                    play_scene(scenes[i], stages.fine ? &account->fine : &account->plain) &&
+                    road_play(scenes[i], stages.fine ? &account->fine : &account->plain) &&
                     account->right;
                 stages.fine = false;
             }

@@ -3,12 +3,14 @@
 #include "bench/stages.h"
 
 #include "bench/bench.h"
+#include "host/move_search.h"
 #include "protocol/tile.h"
 
 #include <string.h>
 
 stage_record stages;
 std::atomic<uint64_t> stage_allocations;
+uint64_t stage_moves_found;
 road_link road_to_viewer, road_to_host;
 std::function<void()> road_refill;
 
@@ -96,6 +98,25 @@ WRAP(const uint8_t *, _ZN6viewer15tile_cache_findEm, fine_stage, STAGE_CACHE, (u
      (hash))
 WRAP(void, _ZN6viewer17tile_cache_insertEmPKhm, fine_stage, STAGE_CACHE,
      (uint64_t hash, const uint8_t *tile, uint64_t stride), (hash, tile, stride))
+
+// host::move_search_frame, of which the moves are counted as well
+static int32_t count_moves(int32_t found)
+{
+    stage_moves_found += (uint64_t)found;
+    return found;
+}
+#define SEARCH(prefix)                                                                         \
+    prefix##_ZN4host17move_search_frameEPNS_11move_searchERKNS_13move_picturesEPNS_9move_tileEP9copy_rect
+extern "C" int32_t SEARCH(__real_)(host::move_search *search,
+                                   const host::move_pictures &pictures, host::move_tile *tiles,
+                                   copy_rect *found);
+extern "C" int32_t SEARCH(__wrap_)(host::move_search *search,
+                                   const host::move_pictures &pictures, host::move_tile *tiles,
+                                   copy_rect *found)
+{
+    return count_moves(coarse_stage(
+        STAGE_MOVES, [&] { return SEARCH(__real_)(search, pictures, tiles, found); }));
+}
 
 WRAP(void, crypto_aead_lock, coarse_stage, STAGE_SEAL,
      (uint8_t * cipher, uint8_t mac[16], const uint8_t key[32], const uint8_t nonce[24],

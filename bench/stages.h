@@ -19,6 +19,7 @@ enum stage {
     STAGE_OPEN,
     STAGE_LINK,
     STAGE_CAPTURE, // by the scripted capture itself
+    STAGE_MOVES,   // looking for them; part of the host's time
     // Several calls a tile, measured while stages.fine is set as well.
     STAGE_COMPARE,
     STAGE_HASH,
@@ -37,6 +38,9 @@ struct stage_record {
     double ns[STAGES]; // processor time since they were last zeroed; one thread at a time
 };
 extern stage_record stages;
+
+// Moves that were found so far.
+extern uint64_t stage_moves_found;
 
 // Calls of malloc, calloc and realloc by the product and the bench so far.
 extern std::atomic<uint64_t> stage_allocations;
