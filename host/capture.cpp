@@ -4,8 +4,9 @@
 // video memory. Its frame either passes (nothing new), is copied by its rectangles, or is
 // copied whole, which is always right and therefore the answer to every doubt. Whatever
 // fails for good, or would leave a frame unread, ends in one place: restart_duplication.
-// GDI is the fallback. It copies everything each time, and the frame pipeline finds out what
-// changed. A server that fell back stays there, and keeps its screen size.
+// GDI is the fallback. It copies everything each time, into a bitmap whose pixels are the
+// frame_buffer, and the frame pipeline finds out what changed. A server that fell back stays
+// there, and keeps its screen size.
 //
 // Invariant: every pixel in which frame_buffer may differ from before lies in a tile that
 // was marked dirty. So a frame is either read in full or full_capture_pending stays set,
@@ -36,7 +37,7 @@ enum capture_mode { MODE_GDI, MODE_DUPLICATION };
 
 static struct {
     capture_mode mode;
-    bool gdi_ready;       // GDI mode: the bitmap and a screen of its size exist
+    bool gdi_ready;       // GDI mode: the bitmap exists and is the frame_buffer
     uint64_t copy_end_us; // when the last GDI copy ended or failed, by clock_us
 } capture;
 
@@ -67,9 +68,15 @@ static void gdi_capture_init()
 {
     int32_t width = 0, height = 0;
     gdi_screen_size(&width, &height);
-    capture.gdi_ready = take_size(width, height) && gdi_open(screen.padded_width, height);
-    if (capture.gdi_ready)
-        server_log("GDI capture %dx%d", width, height);
+    capture.gdi_ready = false;
+    if (!take_size(width, height))
+        return;
+    uint8_t *pixels = gdi_open(screen.padded_width, screen.padded_height);
+    if (!pixels)
+        return;
+    screen_lend_frame_buffer(pixels);
+    capture.gdi_ready = true;
+    server_log("GDI capture %dx%d", width, height);
 }
 
 static void choose_back_end()
@@ -240,12 +247,11 @@ static capture_result gdi_step()
     // Before the copy, not after it: what is sent is then never older than it need be.
     capture_pace_wait(capture.copy_end_us);
     int32_t width = screen.screen_width, height = screen.screen_height;
-    const uint8_t *bits = gdi_copy(width, height);
+    bool copied = gdi_copy(width, height);
     capture.copy_end_us = clock_us();
-    if (!bits)
+    if (!copied)
         return CAPTURE_NOTHING;
-    int64_t pitch = (int64_t)screen.padded_width * PIXEL_BYTES;
-    capture_copy_rect(bits, pitch, 0, 0, width, height);
+    screen_dirty_all();
     return CAPTURE_FRAME;
 }
 

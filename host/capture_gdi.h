@@ -12,14 +12,14 @@ namespace host
 // The primary screen's size in pixels.
 void gdi_screen_size(int32_t *width, int32_t *height);
 
-// Makes a bitmap for copies of a screen of this height: rows of padded_width pixels, top
-// row first. What an earlier call made is released. False when the system gives none.
-[[nodiscard]] bool gdi_open(int32_t padded_width, int32_t height);
+// Makes a bitmap for copies of the screen, padded_width x padded_height pixels that are zero,
+// top row first, and returns the first of them; null when the system gives none. The bitmap
+// owns them until the next call, which releases it first.
+[[nodiscard]] uint8_t *gdi_open(int32_t padded_width, int32_t padded_height);
 
-// Copies width x height pixels from the screen's top left corner into the bitmap; returns its
-// first pixel, or null when nothing is open or the screen cannot be read (the log-on
-// desktop, say).
-const uint8_t *gdi_copy(int32_t width, int32_t height);
+// Copies width x height pixels from the screen's top left corner into the bitmap's; the others
+// stay zero. False when nothing is open or the screen cannot be read (the log-on desktop, say).
+[[nodiscard]] bool gdi_copy(int32_t width, int32_t height);
 
 } // namespace host
 

@@ -1,4 +1,4 @@
-// Copies of the screen by GDI, into a bitmap whose bits the program reads in place.
+// Copies of the screen by GDI, into a bitmap whose bits are the host's picture of it.
 #include "host/capture_gdi.h"
 
 #include "protocol/win32.h"
@@ -34,12 +34,12 @@ void gdi_screen_size(int32_t *width, int32_t *height)
     *height = GetSystemMetrics(SM_CYSCREEN);
 }
 
-static bool create_bitmap(HDC desktop, int32_t padded_width, int32_t height)
+static bool create_bitmap(HDC desktop, int32_t padded_width, int32_t padded_height)
 {
     BITMAPINFO info = {};
     info.bmiHeader.biSize = sizeof info.bmiHeader;
     info.bmiHeader.biWidth = padded_width;
-    info.bmiHeader.biHeight = -height; // top row first
+    info.bmiHeader.biHeight = -padded_height; // top row first
     info.bmiHeader.biPlanes = 1;
     info.bmiHeader.biBitCount = 32;
     info.bmiHeader.biCompression = BI_RGB;
@@ -57,20 +57,20 @@ static bool create_bitmap(HDC desktop, int32_t padded_width, int32_t height)
     return true;
 }
 
-bool gdi_open(int32_t padded_width, int32_t height)
+uint8_t *gdi_open(int32_t padded_width, int32_t padded_height)
 {
     gdi_close();
     HDC desktop = GetDC(nullptr);
     if (!desktop)
-        return false;
-    bool created = create_bitmap(desktop, padded_width, height);
+        return nullptr;
+    bool created = create_bitmap(desktop, padded_width, padded_height);
     ReleaseDC(nullptr, desktop);
     if (!created)
         gdi_close();
-    return created;
+    return gdi.bits;
 }
 
-const uint8_t *gdi_copy(int32_t width, int32_t height)
+bool gdi_copy(int32_t width, int32_t height)
 {
     BOOL copied = FALSE;
     HDC desktop = GetDC(nullptr);
@@ -79,7 +79,7 @@ const uint8_t *gdi_copy(int32_t width, int32_t height)
     if (desktop)
         ReleaseDC(nullptr, desktop);
     GdiFlush(); // drawing is queued, and the bits are read without GDI knowing
-    return copied ? gdi.bits : nullptr;
+    return copied != FALSE;
 }
 
 } // namespace host

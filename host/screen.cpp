@@ -40,7 +40,9 @@ static size_t screen_bytes()
 
 static void release_buffers() REQUIRES(host_lock)
 {
-    free(screen.frame_buffer);
+    if (!screen.frame_buffer_lent)
+        free(screen.frame_buffer);
+    screen.frame_buffer_lent = false;
     free(screen.prev_frame);
     delete[] screen.dirty_map;
     free(screen.bases);
@@ -79,7 +81,7 @@ static bool allocate_buffers() REQUIRES(host_lock)
     return screen.dirty_map != nullptr;
 }
 
-static void mark_all_dirty()
+void screen_dirty_all()
 {
     int64_t tiles = screen_tiles();
     for (int64_t i = 0; i < tiles; i++)
@@ -117,7 +119,7 @@ static bool begin_resized_session() REQUIRES(host_lock)
         screen.bases[i].base_state = BASE_LOST;
         screen.bases[i].must_send = 1;
     }
-    mark_all_dirty();
+    screen_dirty_all();
     return true;
 }
 
@@ -143,7 +145,7 @@ bool screen_resize(int32_t width, int32_t height)
 
 void frame_reset()
 {
-    mark_all_dirty();
+    screen_dirty_all();
     screen.move_count = 0;
     int64_t tiles = screen_tiles();
     if (screen.first_frame_flushed) {
@@ -167,6 +169,15 @@ void screen_session_start()
     screen.first_frame_flushed = false;
     frame_reset();
     lock_leave(&host_lock);
+}
+
+void screen_lend_frame_buffer(uint8_t *pixels)
+{
+    memcpy(pixels, screen.frame_buffer, screen_bytes());
+    if (!screen.frame_buffer_lent)
+        free(screen.frame_buffer);
+    screen.frame_buffer = pixels;
+    screen.frame_buffer_lent = true;
 }
 
 void capture_copy_rect(const uint8_t *src, int64_t src_pitch, int32_t left, int32_t top,

@@ -41,6 +41,7 @@ struct screen_record {
     std::atomic<uint8_t> *dirty_map; // 1: the tile is to be examined; written under host_lock
     tile_base *bases GUARDED_BY(host_lock);
 
+    bool frame_buffer_lent;    // by the capture back end, which frees it
     bool full_capture_pending; // the next duplication frame must be copied whole
     int32_t move_count;        // moves reported since the last frame was sent
     copy_rect move_list[MOVE_MAX];
@@ -71,6 +72,14 @@ void frame_reset() REQUIRES(host_lock);
 // Starts a session with a viewer that is told this screen's present size: records the
 // hello's grid, then frame_reset. Takes host_lock.
 void screen_session_start();
+
+// Makes these pixels, as many as frame_buffer has and all zero, the frame_buffer until the next
+// screen_resize, with what it holds now. They are the caller's, who captures into them, keeps
+// the padding zero and frees them after that.
+void screen_lend_frame_buffer(uint8_t *pixels);
+
+// Marks every tile: all of frame_buffer may have changed.
+void screen_dirty_all();
 
 // Copies one rectangle of a source picture in screen coordinates into frame_buffer and marks
 // the tiles that it touches. src addresses the source's pixel (0, 0) with src_pitch bytes a

@@ -233,15 +233,15 @@ void gdi_screen_size(int32_t *width, int32_t *height)
     *height = capture_edges.height;
 }
 
-bool gdi_open(int32_t padded_width, int32_t height)
+uint8_t *gdi_open(int32_t padded_width, int32_t padded_height)
 {
-    note_size("gdi_open", padded_width, height);
+    note_size("gdi_open", padded_width, padded_height);
     if (capture_edges.gdi_open_fails)
-        return false;
+        return nullptr;
     bitmap.padded_width = padded_width;
-    bitmap.height = height;
-    bitmap.pixels.assign((size_t)padded_width * (size_t)height, 0);
-    return true;
+    bitmap.height = padded_height;
+    bitmap.pixels.assign((size_t)padded_width * (size_t)padded_height, 0);
+    return (uint8_t *)bitmap.pixels.data();
 }
 
 // The clock is the scripted one: nobody but the test waits for it.
@@ -259,11 +259,11 @@ void server_wake() // other threads, which note nothing
 {
 }
 
-const uint8_t *gdi_copy(int32_t width, int32_t height)
+bool gdi_copy(int32_t width, int32_t height)
 {
     note_size("gdi_copy", width, height);
     if (capture_edges.gdi_copy_fails)
-        return nullptr;
+        return false;
     REQUIRE(width <= bitmap.padded_width);
     REQUIRE(height <= bitmap.height);
     for (int32_t y = 0; y < height && y < capture_edges.height; y++) {
@@ -271,7 +271,7 @@ const uint8_t *gdi_copy(int32_t width, int32_t height)
             bitmap.pixels[(size_t)(y * bitmap.padded_width + x)] =
                 capture_edges.pixels[(size_t)(y * capture_edges.width + x)];
     }
-    return (const uint8_t *)bitmap.pixels.data();
+    return true;
 }
 
 } // namespace host

@@ -394,13 +394,13 @@ void gdi_screen_size(int32_t *width, int32_t *height)
     *height = desktop.away ? 0 : desktop.height;
 }
 
-bool gdi_open(int32_t padded_width, int32_t height)
+uint8_t *gdi_open(int32_t padded_width, int32_t padded_height)
 {
     if (fails(8))
-        return false;
+        return nullptr;
     bitmap_width = padded_width;
-    bitmap.assign((size_t)padded_width * (size_t)height, 0);
-    return true;
+    bitmap.assign((size_t)padded_width * (size_t)padded_height, 0);
+    return (uint8_t *)bitmap.data();
 }
 
 // Woken at some time, by whoever is meant to or by nobody.
@@ -414,16 +414,16 @@ void server_wake()
 }
 
 // Keeps the size that it started with, whatever becomes of the desktop's.
-const uint8_t *gdi_copy(int32_t width, int32_t height)
+bool gdi_copy(int32_t width, int32_t height)
 {
     if (desktop.away || fails(20))
-        return nullptr;
+        return false;
     bitmap.assign(bitmap.size(), 0);
     size_t bytes = (size_t)(width < desktop.width ? width : desktop.width) * PIXEL_BYTES;
     for (int32_t y = 0; y < height && y < desktop.height; y++)
         memcpy(&bitmap[(size_t)y * (size_t)bitmap_width], pixel_at(0, y), bytes);
     shown();
-    return (const uint8_t *)bitmap.data();
+    return true;
 }
 
 } // namespace host

@@ -120,8 +120,8 @@ TEST_CASE("the start takes GDI where a step of duplication fails")
         CHECK_FALSE(capture_is_duplication());
         CHECK(screen.screen_width == 150);
         CHECK(capture_edges_calls() ==
-              (failing == 0 ? "size close open size gdi_open 192x70"
-                            : "size close open staging close size gdi_open 192x70"));
+              (failing == 0 ? "size close open size gdi_open 192x128"
+                            : "size close open staging close size gdi_open 192x128"));
         CHECK(server_log_lines() == lines{"GDI capture 150x70"});
     }
 }
@@ -407,8 +407,10 @@ TEST_CASE("a duplication that cannot be had again leaves GDI for good")
     CHECK(capture_step() == CAPTURE_RESTARTED);
     CHECK_FALSE(capture_is_duplication());
     CHECK(server_log_lines() == lines{"AcquireNextFrame 80070005", "GDI capture 150x70"});
-    CHECK(capture_edges_calls() == "acquire close open size gdi_open 192x70");
+    CHECK(capture_edges_calls() == "acquire close open size gdi_open 192x128");
     CHECK(dirty_bits() == 0b111111);
+    // What was captured last is shown until a copy succeeds.
+    CHECK(wrong_pixels({{0, 0, 150, 70}}, blank_frame()) == 0);
 
     capture_edges.open_fails = false;
     capture_edges_desktop(150, 70);
@@ -457,6 +459,33 @@ TEST_CASE("GDI copies everything and marks every tile")
     CHECK(capture_edges_calls() == "gdi_copy 150x70");
     CHECK(dirty_bits() == 0b111111);
     CHECK(wrong_pixels({{0, 0, 150, 70}}, blank_frame()) == 0);
+}
+
+TEST_CASE("GDI copies into what is compared, until the screen has another size")
+{
+    start_fresh(150, 70);
+    capture_edges.open_fails = true;
+    REQUIRE(capture_start() == 0);
+    const uint8_t *first = screen.frame_buffer;
+    CHECK(screen.frame_buffer_lent);
+    CHECK(capture_step() == CAPTURE_FRAME);
+    clear_dirty();
+    CHECK(capture_step() == CAPTURE_FRAME);
+    CHECK(screen.frame_buffer == first);
+    CHECK(dirty_bits() == 0b111111);
+
+    capture_edges_desktop(100, 200);
+    REQUIRE(capture_start() == 0); // the pixels lent before went with their bitmap
+    CHECK(screen.frame_buffer_lent);
+    CHECK(capture_step() == CAPTURE_FRAME);
+    CHECK(wrong_pixels({{0, 0, 100, 200}}, blank_frame()) == 0);
+
+    capture_edges.open_fails = false;
+    REQUIRE(capture_start() == 1);
+    CHECK_FALSE(screen.frame_buffer_lent);
+    capture_edges.frames.push_back({});
+    CHECK(capture_step() == CAPTURE_FRAME);
+    CHECK(wrong_pixels({{0, 0, 100, 200}}, blank_frame()) == 0);
 }
 
 TEST_CASE("a GDI copy that fails brings nothing, and the next one is tried")
@@ -520,7 +549,7 @@ TEST_CASE("without a bitmap nothing is captured until there is one")
     uint32_t started = clock_script_now;
     CHECK(capture_step() == CAPTURE_NOTHING);
     CHECK(clock_script_now - started > 0); // no busy loop
-    CHECK(capture_edges_calls() == "size gdi_open 192x70");
+    CHECK(capture_edges_calls() == "size gdi_open 192x128");
     CHECK(server_log_lines().empty());
     capture_edges.gdi_open_fails = false;
     CHECK(capture_step() == CAPTURE_FRAME);
