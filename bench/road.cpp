@@ -354,6 +354,14 @@ static void open_channels(play *p)
         channel_take_receiver(&host::host_channel, &p->session->receiver);
 }
 
+// What a thread does while a session begins. Older trees do not have it.
+template <class pointer> static void touch_cache(pointer nothing)
+{
+    using namespace viewer;
+    if constexpr (requires { tile_cache_touch(nothing); })
+        tile_cache_touch(nothing);
+}
+
 bool road_play(const scene &now, std::vector<frame_times> *account)
 {
     const picture &screen = road_screen;
@@ -363,6 +371,7 @@ bool road_play(const scene &now, std::vector<frame_times> *account)
         !viewer::frame_open(screen.width, screen.height))
         return false;
     viewer::tile_cache_open();
+    touch_cache((void *)nullptr);
     road_to_viewer = {};
     road_to_host = {};
     play p = {};

@@ -38,6 +38,11 @@ extern tile_cache_record tile_cache GUARDED_BY(frame_lock);
 // any other thread sends: an advertisement is two sends.
 void tile_cache_open();
 
+// Has the system hand over the memory of the empty slots, which takes it ten times as long as
+// a tile takes to copy, before tiles need it. Takes frame_lock for a slot at a time; ends early
+// when the cache is closed or the session ends. Thread entry; the argument is not used.
+void tile_cache_touch(void *);
+
 // Writes the file if anything was stored since the last time. A failure leaves the old file
 // as it was, for another try. Not while tile_cache_save_start's thread may run.
 void tile_cache_save() REQUIRES(frame_lock);

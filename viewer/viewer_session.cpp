@@ -49,6 +49,7 @@ static struct {
     char host_name[NAME_BYTES + 1];
     char host_id[RELAY_ROOM_BYTES + 1];
     thread *receiver;
+    thread *toucher; // of the cache's memory; null without a cache, or a thread for it
 } session;
 
 // Ends a failed attempt: the message goes to the caller's buffer and to standard output.
@@ -105,6 +106,8 @@ static void teardown()
     viewer_session_abort();
     if (session.receiver)
         thread_join(session.receiver, THREAD_WAIT_FOREVER);
+    if (session.toucher)
+        thread_join(session.toucher, THREAD_WAIT_FOREVER);
     net_close(session.viewer_socket);
     channel_reset(&viewer_channel);
 
@@ -155,8 +158,11 @@ static int run(const char *host, const char *port, bool via_relay, const char *h
     if (on_connected)
         on_connected(session.host_name, session.host_id);
 
-    if (hello.caps & CAP_TILE_CACHE)
+    if (hello.caps & CAP_TILE_CACHE) {
         tile_cache_open();
+        session.toucher =
+            thread_start(tile_cache_touch, nullptr); // else tiles just take longer
+    }
     if (!viewer_window_open(session.host_name))
         return 1;
 
