@@ -1088,12 +1088,14 @@ TEST_CASE("a smaller screen is shown whole and what lies outside is blanked once
         CHECK(step().empty());
         std::vector<model_message> frame = step();
         REQUIRE(frame.size() == 13);
-        int outside = 0;
+        int outside = 0, last = -1;
         for (const model_message &m : frame) {
             if (m.type != MSG_TILE)
                 continue;
             tile_head head = get_tile_head(m.payload.data());
             CHECK(head.raw == 1); // no base is known
+            CHECK(head.tile_y * 4 + head.tile_x > last); // row by row, inside or outside
+            last = head.tile_y * 4 + head.tile_x;
             if (head.tile_x < 3 && head.tile_y < 2) {
                 CHECK(head.hash != 0);
                 continue;

@@ -180,19 +180,34 @@ static bool is_calloc(const allocation &a, size_t count, size_t size)
     return a.kind == ALLOCATED_CALLOC && a.count == count && a.size == size;
 }
 
+static thread_local bool in_viewer_session; // on the thread that runs it
+
+// Whether the viewer's session is at the thread that touches its cache's memory: the first of
+// its threads, and the one before the window.
+static bool at_toucher()
+{
+    return in_viewer_session && window_none_opened() == 0;
+}
+
+static bool is_thread_record(const allocation &a)
+{
+    return a.kind == ALLOCATED_CALLOC && a.count == 1 && a.size > sizeof(host::tile_base) &&
+           a.size < 1024;
+}
+
 // Every allocation of a session, each in one row: whoever adds one says here what becomes of
 // a session without it.
 static const allocation_row rows[] = {
     {"a file of the identity or the log",
      [](const allocation &a) { return a.kind == ALLOCATED_FILE; }, COMPLETE},
-    {"a thread, on either side", [](const allocation &a) { return a.kind == ALLOCATED_THREAD; },
-     ENDS},
+    {"a thread, on either side",
+     [](const allocation &a) { return a.kind == ALLOCATED_THREAD && !at_toucher(); }, ENDS},
     {"the record of a thread",
-     [](const allocation &a) {
-         return a.kind == ALLOCATED_CALLOC && a.count == 1 &&
-                a.size > sizeof(host::tile_base) && a.size < 1024;
-     },
-     ENDS},
+     [](const allocation &a) { return is_thread_record(a) && !at_toucher(); }, ENDS},
+    {"viewer: the thread that touches the cache's memory",
+     [](const allocation &a) { return a.kind == ALLOCATED_THREAD && at_toucher(); }, COMPLETE},
+    {"viewer: the record of that thread",
+     [](const allocation &a) { return is_thread_record(a) && at_toucher(); }, COMPLETE},
     {"host: a picture of the screen", // the screen is asked for again at the next capture
      [](const allocation &a) {
          return a.kind == ALLOCATED_CALLOC && a.size == TILE_BYTES && a.count <= 40;
@@ -317,6 +332,7 @@ static void run_viewer(run_report *r)
     iteration = 0;
     std::string password = host_get_password();
     std::thread session([&] {
+        in_viewer_session = true;
         r->result = viewer::viewer_session_run("127.0.0.1", "7777", false, nullptr,
                                                password.c_str(), r->error, sizeof r->error);
         ended = true;
