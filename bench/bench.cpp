@@ -86,8 +86,17 @@ static std::string time_text(double ns)
     return text;
 }
 
-static std::string spread_text(const bench_spread &spread)
+static std::string memory_text(double bytes)
 {
+    char text[32];
+    snprintf(text, sizeof text, "%.1f MiB", bytes / 1048576);
+    return text;
+}
+
+static std::string spread_text(const bench_spread &spread, bool bytes)
+{
+    if (bytes)
+        return memory_text(spread.median);
     double half = spread.median > 0 ? 50 * (spread.high - spread.low) / spread.median : 0;
     char text[64];
     snprintf(text, sizeof text, "%9s %4s", time_text(spread.median).c_str(),
@@ -98,12 +107,16 @@ static std::string spread_text(const bench_spread &spread)
 void bench_print(const bench_line &line)
 {
     bench_spread own = bench_spread_of(line.own_times);
-    printf("  %-38s %s a %-6s", line.name.c_str(), spread_text(own).c_str(), line.unit.c_str());
+    printf("  %-38s %s a %-6s", line.name.c_str(), spread_text(own, line.bytes).c_str(),
+           line.unit.c_str());
     if (!line.other_times.empty()) {
         bench_spread other = bench_spread_of(line.other_times);
         bench_spread ratio = bench_ratio_of(line);
         printf("  %-26s %s  %s %.2f (%.2f..%.2f)", line.other.name.c_str(),
-               spread_text(other).c_str(), line.sense == BENCH_SPEED ? "speed" : "time ",
+               spread_text(other, line.bytes).c_str(),
+               line.bytes                  ? "size "
+               : line.sense == BENCH_SPEED ? "speed"
+                                           : "time ",
                ratio.median, ratio.low, ratio.high);
         if (line.target != 0)
             printf("  %s %.2f %s", line.sense == BENCH_SPEED ? ">=" : "<=", line.target,
@@ -151,6 +164,8 @@ void bench_json(FILE *file, const bench_line &line)
             fprintf(file, ", \"target\": %g, \"met\": %s", line.target,
                     bench_met(line) ? "true" : "false");
     }
+    if (line.bytes) // all of "ns" then
+        fprintf(file, ", \"bytes\": true");
     fprintf(file, ", \"note\": %s, \"parts_ns\": {", quoted(line.note).c_str());
     for (size_t i = 0; i < line.parts.size(); i++)
         fprintf(file, "%s%s: %.6g", i == 0 ? "" : ", ", quoted(line.parts[i].first).c_str(),

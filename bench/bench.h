@@ -29,7 +29,8 @@ struct bench_line {
     std::string unit; // what the times are of: "tile", "frame", "record"
     double units = 1; // of them in one run
     bench_sense sense = BENCH_SPEED;
-    double target = 0; // the ratio to reach; 0: none
+    double target = 0;  // the ratio to reach; 0: none
+    bool bytes = false; // what is measured is memory, not time
     bench_side own, other;
     std::function<void()> before; // each run of either side, not timed; may be empty
     // Whether both sides did their work right. Asked once, after all rounds.

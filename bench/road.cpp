@@ -13,6 +13,7 @@
 
 #include "bench/screens.h"
 #include "bench/stages.h"
+#include "host/cache_mirror.h"
 #include "host/control_thread.h"
 #include "host/frame_pipeline.h"
 #include "host/host_channel.h"
@@ -204,18 +205,25 @@ static bool anything_dirty()
     return false;
 }
 
+static size_t largest_record; // of all that were sent so far
+
 static void host_step(play *p)
 {
     double then[STAGES];
     memcpy(then, stages.ns, sizeof then);
     uint64_t allocations = stage_allocations;
+    size_t unsent = road_to_viewer.bytes.size();
+    memory_of = MEMORY_HOST;
     int64_t start = bench_processor_time();
     p->right = host::frame_pipeline_step(p->session) && p->right;
     p->times.host += (double)(bench_processor_time() - start) - aside(then);
     // A still picture allocates nothing, and sends nothing.
     if (p->frame > 0 && strcmp(p->now->name, "idle") == 0)
         p->right = p->right && stage_allocations == allocations && road_to_viewer.bytes.empty();
+    memory_of = MEMORY_VIEWER;
     p->times.bytes += (double)road_to_viewer.bytes.size();
+    if (road_to_viewer.bytes.size() - unsent > largest_record)
+        largest_record = road_to_viewer.bytes.size() - unsent;
 }
 
 // Hands the viewer's answers to the host, as the control thread does.
@@ -367,8 +375,10 @@ bool road_play(const scene &now, std::vector<frame_times> *account)
     const picture &screen = road_screen;
     lock_init(&host::host_lock);
     host::screen.hello_width = host::screen.hello_height = 0;
-    if (!host::screen_resize(screen.width, screen.height) ||
-        !viewer::frame_open(screen.width, screen.height))
+    memory_of = MEMORY_HOST;
+    bool opened = host::screen_resize(screen.width, screen.height);
+    memory_of = MEMORY_VIEWER;
+    if (!opened || !viewer::frame_open(screen.width, screen.height))
         return false;
     viewer::tile_cache_open();
     touch_cache((void *)nullptr);
@@ -382,13 +392,16 @@ bool road_play(const scene &now, std::vector<frame_times> *account)
     open_channels(&p);
     if (!p.session)
         return false;
+    memory_of = MEMORY_HOST;
     host::frame_pipeline_start(CAP_TILE_CACHE);
     capture_script_step = [&] { return take_picture(&p); };
     road_refill = [&] { refill(&p); };
 
     stages.on = true;
     play_frame_begins(&p);
+    memory_of = MEMORY_VIEWER;
     viewer::viewer_recv_thread(nullptr);
+    memory_of = MEMORY_NOBODY;
     stages.on = false;
 
     bool right = p.right && p.frame == now.frames;
@@ -494,6 +507,34 @@ static void add_lines(std::vector<bench_line> *lines, const scene &now, const st
     lines->push_back(line);
 }
 
+// What each side held at most, and what its buffers come to if they are as large as they have
+// to be for the largest record so far. Beside those, 16 MiB are allowed.
+static void add_memory_lines(std::vector<bench_line> *lines, const std::string &size,
+                             int32_t width, int32_t height)
+{
+    double pixels = (double)pad_to_tile(width) * pad_to_tile(height) * PIXEL_BYTES;
+    double record = (double)largest_record;
+    double host = 2 * pixels + host::CACHE_MIRROR_SLOTS * 8.0 + // the mirror of the cache
+                  2 * record + 65536 +                          // messages of a frame
+                  record + 4096;                                // sealing them
+    double viewer = pixels + viewer::CACHE_CAPACITY * (TILE_BYTES + 8.0) + record + 4096;
+    for (memory_side side : {MEMORY_HOST, MEMORY_VIEWER}) {
+        bench_line line;
+        line.group = "memory";
+        line.name = size + ": " + (side == MEMORY_HOST ? "host" : "viewer") + ", peak";
+        line.unit = "side";
+        line.sense = BENCH_TIME;
+        line.bytes = true;
+        line.target = 1;
+        line.other.name = "its buffers and 16 MiB";
+        line.own_times = {(double)memory_peak[side]};
+        line.other_times = {(side == MEMORY_HOST ? host : viewer) + 16 * 1048576.0};
+        bool right = line.own_times[0] > pixels && line.own_times[0] <= line.other_times[0];
+        line.right = [=] { return right; };
+        lines->push_back(line);
+    }
+}
+
 static bool wanted(const std::string &name, const std::vector<std::string> &words)
 {
     for (const std::string &word : words)
@@ -532,6 +573,8 @@ void road_measure(std::vector<bench_line> *lines, const std::vector<std::string>
         for (size_t i = 0; i < scenes.size(); i++)
             if (wanted(text + " " + scenes[i].name, words))
                 add_lines(lines, scenes[i], text, accounts[i]);
+        if (words.empty() || wanted(text + " memory", words))
+            add_memory_lines(lines, text, size.width, size.height);
         stage_set = {};
     }
 }

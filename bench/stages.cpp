@@ -6,6 +6,8 @@
 #include "host/move_search.h"
 #include "protocol/tile.h"
 
+#include <mutex>
+#include <stdlib.h>
 #include <string.h>
 
 stage_record stages;
@@ -128,25 +130,78 @@ WRAP(int, crypto_aead_unlock, coarse_stage, STAGE_OPEN,
      (plain, mac, key, nonce, ad, ad_size, cipher, size))
 
 // ---------------------------------------------------------------------------------------
-// malloc, calloc, realloc
+// malloc, calloc, realloc, free
+
+memory_side memory_of;
+size_t memory_peak[MEMORY_SIDES];
+
+static std::mutex memory_guard; // of the blocks
+static struct {
+    void *at;
+    size_t bytes;
+    memory_side side;
+} memory_blocks[64];
+static size_t memory_held[MEMORY_SIDES];
+
+static void memory_taken(void *block, size_t bytes)
+{
+    if (memory_of == MEMORY_NOBODY || !block || bytes < 4096)
+        return;
+    std::lock_guard<std::mutex> hold(memory_guard);
+    for (auto &b : memory_blocks) {
+        if (b.at)
+            continue;
+        b = {block, bytes, memory_of};
+        size_t held = memory_held[memory_of] += bytes;
+        if (held > memory_peak[memory_of])
+            memory_peak[memory_of] = held;
+        return;
+    }
+    abort(); // more blocks than any session has
+}
+
+static void memory_given_back(void *block)
+{
+    if (!block)
+        return;
+    std::lock_guard<std::mutex> hold(memory_guard);
+    for (auto &b : memory_blocks)
+        if (b.at == block) {
+            memory_held[b.side] -= b.bytes;
+            b = {};
+        }
+}
 
 extern "C" void *__real_malloc(size_t size);
 extern "C" void *__real_calloc(size_t count, size_t size);
 extern "C" void *__real_realloc(void *memory, size_t size);
+extern "C" void __real_free(void *memory);
 extern "C" void *__wrap_malloc(size_t size)
 {
     stage_allocations++;
-    return __real_malloc(size);
+    void *block = __real_malloc(size);
+    memory_taken(block, size);
+    return block;
 }
 extern "C" void *__wrap_calloc(size_t count, size_t size)
 {
     stage_allocations++;
-    return __real_calloc(count, size);
+    void *block = __real_calloc(count, size);
+    memory_taken(block, count * size);
+    return block;
 }
 extern "C" void *__wrap_realloc(void *memory, size_t size)
 {
     stage_allocations++;
-    return __real_realloc(memory, size);
+    memory_given_back(memory); // no realloc fails here
+    void *block = __real_realloc(memory, size);
+    memory_taken(block, size);
+    return block;
+}
+extern "C" void __wrap_free(void *memory)
+{
+    memory_given_back(memory);
+    __real_free(memory);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -42,6 +42,11 @@ extern stage_record stages;
 // Moves that were found so far.
 extern uint64_t stage_moves_found;
 
+// The product's memory in blocks of a page and more, by the side that took it.
+enum memory_side { MEMORY_NOBODY, MEMORY_HOST, MEMORY_VIEWER, MEMORY_SIDES };
+extern memory_side memory_of;            // who takes what is taken now; one thread at a time
+extern size_t memory_peak[MEMORY_SIDES]; // bytes held at once so far
+
 // Calls of malloc, calloc and realloc by the product and the bench so far.
 extern std::atomic<uint64_t> stage_allocations;
 
