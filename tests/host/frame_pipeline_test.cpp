@@ -1093,7 +1093,7 @@ TEST_CASE("a smaller screen is shown whole and what lies outside is blanked once
             if (m.type != MSG_TILE)
                 continue;
             tile_head head = get_tile_head(m.payload.data());
-            CHECK(head.raw == 1); // no base is known
+            CHECK(head.raw == 1);                        // no base is known
             CHECK(head.tile_y * 4 + head.tile_x > last); // row by row, inside or outside
             last = head.tile_y * 4 + head.tile_x;
             if (head.tile_x < 3 && head.tile_y < 2) {
