@@ -612,12 +612,12 @@ TEST_CASE("through a relay the room is asked for first")
         CHECK(o.printed.find(std::string(", ID ") + row.printed +
                              ", waiting for host...\nconnected to ") != std::string::npos);
 
-        bytes expected = {'Q', 'V', 'R', 'L', 2, 'V'};
-        expected.insert(expected.end(), row.room, row.room + strlen(row.room));
-        expected.resize(24);
         char name[NAME_BYTES];
         computer_name_get(name);
-        expected.insert(expected.end(), name, name + NAME_BYTES);
+        bytes expected(24 + NAME_BYTES);
+        memcpy(&expected[0], "QVRL\2V", 6);
+        memcpy(&expected[6], row.room, strlen(row.room));
+        memcpy(&expected[24], name, NAME_BYTES);
         CHECK(relay_hello_sent == expected);
     }
 }
