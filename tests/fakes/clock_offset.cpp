@@ -6,40 +6,38 @@
 #include <chrono>
 #include <thread>
 
-static std::atomic<uint32_t> offset;
+static std::atomic<int64_t> offset_ms;
 static std::atomic<bool> held;
-static std::atomic<uint32_t> held_at;
+static std::atomic<int64_t> held_at_us;
 
-static uint32_t running()
+static int64_t running_us()
 {
     auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return (uint32_t)std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+    return std::chrono::duration_cast<std::chrono::microseconds>(now).count();
 }
 
 void clock_put_forward(uint32_t ms)
 {
-    offset += ms;
+    offset_ms += ms;
 }
 
 void clock_hold(bool hold)
 {
     if (hold)
-        held_at = running();
+        held_at_us = running_us();
     else
-        offset += held_at - running(); // it goes on from where it stood
+        offset_ms -= (running_us() - held_at_us) / 1000; // it goes on from where it stood
     held = hold;
-}
-
-uint32_t clock_ms()
-{
-    return (held ? held_at.load() : running()) + offset;
 }
 
 uint64_t clock_us()
 {
-    auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return (uint64_t)std::chrono::duration_cast<std::chrono::microseconds>(now).count() +
-           (uint64_t)offset * 1000;
+    return (uint64_t)((held ? held_at_us.load() : running_us()) + offset_ms * 1000);
+}
+
+uint32_t clock_ms()
+{
+    return (uint32_t)(clock_us() / 1000);
 }
 
 void clock_sleep_ms(uint32_t ms)
