@@ -12,7 +12,7 @@ help:
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
 	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed)"
-	@echo "make bench-relay  the relay, beside plain TCP forwards (four minutes; docs/relay.md)"
+	@echo "make bench-relay  the relay, beside plain TCP forwards (two minutes; docs/relay.md)"
 	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
 	@echo "make screenshots   the pictures of the desktop application in docs/images/"
 	@echo
@@ -52,7 +52,7 @@ mutate: setup
 bench: setup
 	@tools/bench $(if $(BASE),--base $(BASE))
 
-# Four minutes.
+# Two minutes.
 bench-relay: relay
 	@tools/bench_relay
 

@@ -179,7 +179,7 @@ static constexpr number NUMBERS[] = {
     {"--rooms", &options::rooms, 1000, 1, 1000000, "rooms, that is IDs, at the same time"},
     {"--viewers-per-room", &options::viewers_per_room, 8, 1, 1000,
      "viewers that wait for one host"},
-    {"--buffer-bytes", &options::buffer_bytes, 262144, 1024, 16777216,
+    {"--buffer-bytes", &options::buffer_bytes, 32768, 1024, 16777216,
      "buffer of one direction of a pair"},
     {"--pair-bytes-per-second", &options::pair_bytes_per_second, 125e6, 1000, 100e9,
      "both directions of one pair"},

@@ -91,7 +91,7 @@ const number_row NUMBERS[] = {
     ROW("--accept-burst", accept_burst, 1, 1000000, 100),
     ROW("--rooms", rooms, 1, 1000000, 1000),
     ROW("--viewers-per-room", viewers_per_room, 1, 1000, 8),
-    ROW("--buffer-bytes", buffer_bytes, 1024, 16777216, 262144),
+    ROW("--buffer-bytes", buffer_bytes, 1024, 16777216, 32768),
     ROW("--pair-bytes-per-second", pair_bytes_per_second, 1000, 100e9, 125e6),
     ROW("--total-bytes-per-second", total_bytes_per_second, 1000, 100e9, 1000e6),
 };
