@@ -19,7 +19,7 @@ import tempfile
 import time
 import unittest
 
-from relay_program import PATIENCE, ROOT, VIEWER, Relay, hello, is_closed
+from relay_program import PATIENCE, ROOT, VIEWER, Relay, hello, is_closed, receive
 
 SIDES = pathlib.Path(os.environ.get("QV_RELAY_SIDES",
                                     ROOT / "build/linux-release/tests/relay"))
@@ -156,6 +156,31 @@ class SystemTest(unittest.TestCase):
             self.assertEqual(relay.metric("qv_relay_failed_logins_total"), 1)
             self.assert_session(host)
             self.assertEqual(relay.metric("qv_relay_failed_logins_total"), 1)
+
+    def test_a_command_line_leads_to_its_relay_and_room(self):
+        room = "123456789012345678"
+        default = tempfile.TemporaryDirectory()
+        self.addCleanup(default.cleanup)
+        os.mkdir(data := default.name + "\\qv")
+        pathlib.Path(data + "\\relay.txt").write_text("localhost")
+        with self.relay() as usual, Relay(port=7100) as other:
+            for arguments, relay, said in (
+                    (["-r", room], usual, "localhost:7000"),
+                    (["-r", room + "9", "127.0.0.1"], usual, "127.0.0.1:7000"),
+                    (["-r", room, "127.0.0.1", "7100"], usual, "127.0.0.1:7000"),
+                    (["127.0.0.1:7100", "-r", room], other, "127.0.0.1:7100")):
+                with self.subTest(arguments), relay.host(room) as host:
+                    viewer = subprocess.Popen(
+                        [SIDES / "relay_viewer", *arguments, "-p", "any"], text=True,
+                        env=dict(os.environ, PROGRAMDATA=default.name),
+                        stdout=subprocess.PIPE)
+                    receive(host, 32)  # its key, what a viewer says first
+                    host.close()
+                    text = viewer.communicate(timeout=PATIENCE)[0]
+                    self.assertIn(f"via relay {said}, ID {room}, waiting for host...\n", text)
+                    self.assertEqual(viewer.returncode, 1)
+            self.assertEqual(usual.metric("qv_relay_paired_total"), 3)
+            self.assertEqual(other.metric("qv_relay_paired_total"), 1)
 
     def test_a_viewer_whose_host_is_not_there_is_sent_away_after_a_while(self):
         with self.relay("--viewer-wait-seconds", "1"):
