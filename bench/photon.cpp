@@ -14,15 +14,10 @@
 #include "bench/photon.h"
 
 #include "bench/screens.h"
+#include "bench/session.h"
 #include "bench/window.h"
-#include "host/control_thread.h"
-#include "host/frame_pipeline.h"
-#include "host/host_channel.h"
-#include "host/host_server.h"
 #include "host/input.h"
 #include "host/screen.h"
-#include "protocol/clock.h"
-#include "protocol/handshake.h"
 #include "protocol/thread.h"
 #include "tests/fakes/capture_script.h"
 #include "tests/fakes/server_log_record.h"
@@ -146,30 +141,9 @@ static bool connect_ends(ends *e)
     return true;
 }
 
-static void read_password(char password[PASSWORD_MAX + 1])
-{
-    strcpy(password, "correct horse");
-}
-
 static void host_thread(void *argument)
 {
-    net_socket sock = *(net_socket *)argument;
-    if (!handshake_as_host(&host::host_channel, sock, read_password, {}))
-        return;
-    host::host_session *session = host::session_create(sock, host::frame_seq);
-    if (!session)
-        return;
-    channel_take_receiver(&host::host_channel, &session->receiver);
-    host::frame_pipeline_start(CAP_TILE_CACHE);
-    session->owners.fetch_add(1);
-    thread *control = thread_start(host::control_thread, session);
-    host::frame_pipeline_run(session);
-    net_abort(sock);
-    if (control)
-        thread_join(control, THREAD_WAIT_FOREVER);
-    host::session_retire();
-    channel_reset(&host::host_channel);
-    host::session_release(session); // closes the socket
+    bench_serve(*(net_socket *)argument, 0);
 }
 
 static void echo_thread(void *argument)
@@ -223,8 +197,7 @@ static bool echo_once(net_socket sock, press *taken)
 
 static bool press_keys(int32_t count, net_socket echo, std::vector<press> *all)
 {
-    if (!handshake_as_viewer(&viewer::viewer_channel, viewer::viewer_channel.sender.sock,
-                             "correct horse"))
+    if (!bench_join(viewer::viewer_channel.sender.sock))
         return false;
     thread *receive = thread_start(viewer::viewer_recv_thread, nullptr);
     if (!receive)

@@ -11,13 +11,9 @@
 #include "bench/tile_store.h"
 
 #include "bench/screens.h"
-#include "host/control_thread.h"
-#include "host/frame_pipeline.h"
-#include "host/host_channel.h"
-#include "host/host_server.h"
+#include "bench/session.h"
 #include "host/screen.h"
 #include "protocol/clock.h"
-#include "protocol/handshake.h"
 #include "protocol/thread.h"
 #include "tests/fakes/capture_script.h"
 #include "tests/fakes/server_log_record.h"
@@ -293,11 +289,6 @@ static struct {
     net_socket ends[2]; // host's, viewer's
 } line_to_host;
 
-static void read_password(char password[PASSWORD_MAX + 1])
-{
-    strcpy(password, "correct horse");
-}
-
 static host::capture_result take_picture()
 {
     clock_sleep_ms(1);
@@ -312,25 +303,7 @@ static host::capture_result take_picture()
 
 static void host_thread(void *)
 {
-    net_socket sock = line_to_host.ends[0];
-    if (!handshake_as_host(&host::host_channel, sock, read_password, {}))
-        return;
-    host::host_session *session = host::session_create(sock, host::frame_seq);
-    if (!session)
-        return;
-    session->hello_sent_ms = clock_ms();
-    session->advert_wait_ms = ADVERT_WAIT_MS;
-    channel_take_receiver(&host::host_channel, &session->receiver);
-    host::frame_pipeline_start(CAP_TILE_CACHE);
-    session->owners.fetch_add(1);
-    thread *control = thread_start(host::control_thread, session);
-    host::frame_pipeline_run(session);
-    net_abort(sock);
-    if (control)
-        thread_join(control, THREAD_WAIT_FOREVER);
-    host::session_retire();
-    channel_reset(&host::host_channel);
-    host::session_release(session);
+    bench_serve(line_to_host.ends[0], ADVERT_WAIT_MS);
 }
 
 static bool picture_complete()
@@ -366,7 +339,7 @@ static bool connect_once(connect_cost *cost)
 
     int64_t start = bench_now();
     thread *server = thread_start(host_thread, nullptr);
-    bool right = server && handshake_as_viewer(&viewer_channel, pair[1], "correct horse");
+    bool right = server && bench_join(pair[1]);
     if (right) {
         tile_cache_open();
         // A viewer that has nothing to advertise says something else first.
