@@ -178,16 +178,16 @@ static void add_noise_row(std::vector<float> *out, uint64_t seed, int32_t at_x, 
         float a = lattice(seed, cell, y >> bits), b = lattice(seed, cell, (y >> bits) + 1);
         return a + (b - a) * v;
     };
-    int32_t cell = INT32_MIN;
-    float left = 0, right = 0;
-    for (size_t i = 0; i < out->size(); i++) {
-        int32_t x = at_x + (int32_t)i;
-        if (x >> bits != cell) {
-            cell = x >> bits;
-            left = column(cell);
-            right = column(cell + 1);
-        }
-        (*out)[i] += weight * (left + (right - left) * ease((float)(x & mask) / size));
+    std::vector<float> eased;
+    for (int32_t x = 0; x <= mask; x++)
+        eased.push_back(ease((float)x / size));
+    int32_t columns = (int32_t)out->size();
+    for (int32_t i = 0; i < columns;) {
+        int32_t x = at_x + i;
+        float left = column(x >> bits), right = column((x >> bits) + 1);
+        int32_t end = std::min(columns, i + mask + 1 - (x & mask)); // of the lattice's cell
+        for (const float *e = &eased[(size_t)(x & mask)]; i < end; i++)
+            (*out)[(size_t)i] += weight * (left + (right - left) * *e++);
     }
 }
 
@@ -212,10 +212,12 @@ void draw_photo(picture *p, area a, uint64_t seed, int32_t at_x, int32_t at_y, i
             float w = 80 * (warm[i] - 0.5f);
             uint32_t colour = 0xFF000000;
             const float channels[] = {l - w, l, l + w}; // blue, green, red
-            for (int32_t c = 0; c < 3; c++) {
+            uint64_t noise = grain > 0 ? random.next() : 0;
+            for (int32_t c = 0; c < 3; c++, noise >>= 21) {
                 int32_t value = (int32_t)channels[c];
-                if (grain > 0)
-                    value += (int32_t)random.below((uint32_t)(2 * grain + 1)) - grain;
+                if (grain > 0) // 21 bits of it, as a number below 2 * grain + 1
+                    value +=
+                        (int32_t)((noise & 0x1FFFFF) * (2 * (uint64_t)grain + 1) >> 21) - grain;
                 colour |= (uint32_t)std::clamp(value, 0, 255) << (8 * c);
             }
             *pixel_at(p, a.left + (int32_t)i, y) = colour;
@@ -226,13 +228,14 @@ void draw_photo(picture *p, area a, uint64_t seed, int32_t at_x, int32_t at_y, i
 void draw_copy(picture *p, int32_t x, int32_t y, const picture &from, area a)
 {
     a = clip_to(from, a);
-    for (int32_t row = a.top; row < a.bottom; row++)
-        for (int32_t column = a.left; column < a.right; column++) {
-            int32_t to_x = x + column - a.left, to_y = y + row - a.top;
-            if (to_x >= 0 && to_y >= 0 && to_x < p->width && to_y < p->height)
-                *pixel_at(p, to_x, to_y) =
-                    from.pixels[(size_t)row * (size_t)from.width + (size_t)column];
-        }
+    area to = clip_to(*p, {x, y, x + a.right - a.left, y + a.bottom - a.top});
+    if (to.left >= to.right)
+        return;
+    for (int32_t row = to.top; row < to.bottom; row++)
+        memcpy(pixel_at(p, to.left, row),
+               &from.pixels[(size_t)(row - y + a.top) * (size_t)from.width +
+                            (size_t)(to.left - x + a.left)],
+               (size_t)(to.right - to.left) * sizeof(uint32_t));
 }
 
 static void draw_glyph(picture *p, area clip, int32_t x, int32_t y, const glyph &g,
