@@ -139,6 +139,7 @@ struct play {
     const scene *now;
     host::host_session *session;
     int32_t frame; // of the scene, under way
+    road_manner manner;
     bool captured; // this frame's picture was taken
     bool right;
     int64_t viewer_from;        // when the viewer went on; 0: not yet
@@ -162,6 +163,8 @@ static void play_frame_begins(play *p)
     p->session->estimator = host::latency_start();
     p->session->ema_rtt16 = 0;
     p->session->tile_budget = host::TILE_BUDGET_MAX;
+    if (p->manner != ROAD_WHOLE)
+        return;
     lock_enter(&host::host_lock);
     memcpy(p->before.data(), host::screen.prev_frame, p->before.size());
     lock_leave(&host::host_lock);
@@ -242,24 +245,35 @@ static void host_reads(play *p)
     }
 }
 
-// The other sides: what liblz4 needs for the differences of the tiles that changed, and for
-// decompressing them and copying a frame; where nothing changed, comparing alone.
+// The differences of the tiles that changed in the frame, one after the other.
+static const std::vector<uint8_t> &differences(const play &p) REQUIRES(host::host_lock)
+{
+    static std::vector<uint8_t> deltas; // keeps its memory
+    deltas.clear();
+    const uint8_t *after = host::screen.prev_frame;
+    size_t pitch = (size_t)host::screen.padded_width * PIXEL_BYTES;
+    for (int32_t ty = 0; ty < host::screen.tiles_y; ty++)
+        for (int32_t tx = 0; tx < host::screen.tiles_x; tx++) {
+            uint64_t at = host::tile_offset(host::screen.padded_width, tx, ty);
+            if (host::tile_equal(after + at, &p.before[at], pitch))
+                continue;
+            size_t end = deltas.size();
+            deltas.resize(end + TILE_BYTES);
+            for (size_t row = 0; row < TILE_SIZE; row++, at += pitch)
+                for (size_t i = 0; i < (size_t)TILE_ROW_BYTES; i++)
+                    deltas[end++] = after[at + i] ^ p.before[at + i];
+        }
+    return deltas;
+}
+
+// The other sides: what liblz4 needs for those differences, and for decompressing them and
+// copying a frame; where nothing changed, comparing alone.
 static void play_others(play *p)
 {
     lock_enter(&host::host_lock);
     const uint8_t *after = host::screen.prev_frame;
     size_t pitch = (size_t)host::screen.padded_width * PIXEL_BYTES;
-    std::vector<uint8_t> deltas;
-    for (int32_t ty = 0; ty < host::screen.tiles_y; ty++)
-        for (int32_t tx = 0; tx < host::screen.tiles_x; tx++) {
-            uint64_t at = host::tile_offset(host::screen.padded_width, tx, ty);
-            if (host::tile_equal(after + at, &p->before[at], pitch))
-                continue;
-            for (size_t row = 0; row < TILE_SIZE; row++)
-                for (size_t i = 0; i < (size_t)TILE_ROW_BYTES; i++)
-                    deltas.push_back(after[at + row * pitch + i] ^
-                                     p->before[at + row * pitch + i]);
-        }
+    const std::vector<uint8_t> &deltas = differences(*p);
     size_t tiles = deltas.size() / TILE_BYTES;
     p->times.tiles = (double)tiles;
     if (tiles == 0) {
@@ -274,10 +288,12 @@ static void play_others(play *p)
         return;
     }
     constexpr int ROOM = LZ4_COMPRESSBOUND(TILE_BYTES);
-    std::vector<char> blocks(tiles * ROOM);
+    static std::vector<char> blocks; // these keep their memory, too
+    static std::vector<uint8_t> copy;
+    blocks.resize(tiles * ROOM);
+    copy = p->before;
     std::vector<int> lengths(tiles);
     std::vector<char> tile(TILE_BYTES);
-    std::vector<uint8_t> copy(p->before);
     int64_t start = bench_processor_time();
     for (size_t i = 0; i < tiles; i++)
         lengths[i] = LZ4_compress_default((const char *)&deltas[i * TILE_BYTES],
@@ -316,7 +332,8 @@ static void play_frame_ends(play *p)
     stages.fine = false;
     p->right = p->right && picture_right();
     if (p->frame >= p->now->first) {
-        play_others(p);
+        if (p->manner == ROAD_WHOLE)
+            play_others(p);
         p->account->push_back(p->times);
     }
     stages.fine = fine;
@@ -352,8 +369,8 @@ static void open_channels(play *p)
     channel_open(&host::host_channel, ROAD_HOST_SOCKET);
     channel_open(&viewer::viewer_channel, ROAD_VIEWER_SOCKET);
     for (secure_channel *channel : {&host::host_channel, &viewer::viewer_channel}) {
-        channel->sender.encrypted = 1;
-        channel->receiver.encrypted = 1;
+        channel->sender.encrypted = p->manner == ROAD_WHOLE;
+        channel->receiver.encrypted = p->manner == ROAD_WHOLE;
         memcpy(channel->sender.send_key, key, sizeof key);
         memcpy(channel->receiver.recv_key, key, sizeof key);
     }
@@ -370,7 +387,7 @@ template <class pointer> static void touch_cache(pointer nothing)
         tile_cache_touch(nothing);
 }
 
-bool road_play(const scene &now, std::vector<frame_times> *account)
+bool road_play(const scene &now, road_manner manner, std::vector<frame_times> *account)
 {
     const picture &screen = road_screen;
     lock_init(&host::host_lock);
@@ -386,9 +403,12 @@ bool road_play(const scene &now, std::vector<frame_times> *account)
     road_to_host = {};
     play p = {};
     p.now = &now;
+    p.manner = manner;
     p.right = true;
     p.account = account;
-    p.before.resize((size_t)host::screen.tiles_x * (size_t)host::screen.tiles_y * TILE_BYTES);
+    if (manner == ROAD_WHOLE)
+        p.before.resize((size_t)host::screen.tiles_x * (size_t)host::screen.tiles_y *
+                        TILE_BYTES);
     open_channels(&p);
     if (!p.session)
         return false;
@@ -565,9 +585,9 @@ void road_measure(std::vector<bench_line> *lines, const std::vector<std::string>
                     continue;
                 stages.fine = pass % 2 == 1;
                 scene_account *account = &accounts[i];
-                account->right =
-                    road_play(scenes[i], stages.fine ? &account->fine : &account->plain) &&
-                    account->right;
+                account->right = road_play(scenes[i], ROAD_WHOLE,
+                                           stages.fine ? &account->fine : &account->plain) &&
+                                 account->right;
                 stages.fine = false;
             }
         for (size_t i = 0; i < scenes.size(); i++)

@@ -29,8 +29,15 @@ struct frame_times {
 // The screen of the scenes that are played.
 extern picture road_screen;
 
+enum road_manner {
+    ROAD_WHOLE,
+    // Nothing is sealed and the other sides are left out, times and tiles zero: for comparing
+    // the host with itself, in two thirds of the time.
+    ROAD_PLAIN,
+};
+
 // Plays the scene once; false when the viewer's picture was wrong at any time.
-bool road_play(const scene &now, std::vector<frame_times> *account);
+bool road_play(const scene &now, road_manner manner, std::vector<frame_times> *account);
 
 // Plays every scene on screens of several sizes and appends their lines, measured. Scenes
 // whose line has none of the words in its name are left out.
