@@ -16,6 +16,7 @@
 #include "viewer/tile_cache.h"
 
 #include "protocol/bytes.h"
+#include "protocol/cache_ways.h"
 #include "protocol/clock.h"
 #include "protocol/thread.h"
 #include "viewer/cache_file.h"
@@ -29,8 +30,6 @@
 
 namespace viewer
 {
-
-static_assert(CACHE_CAPACITY % 2 == 0, "two ways a set");
 
 tile_cache_record tile_cache;
 
@@ -242,20 +241,6 @@ const uint8_t *tile_cache_find(uint64_t hash)
     return nullptr;
 }
 
-// Which way of a set takes a hash: the one that has it, else an empty one, else the victim.
-static uint8_t way_to_write(const uint64_t keys[2], uint64_t hash, uint8_t victim)
-{
-    for (uint8_t way = 0; way < 2; way++) {
-        if (keys[way] == hash)
-            return way;
-    }
-    for (uint8_t way = 0; way < 2; way++) {
-        if (keys[way] == 0)
-            return way;
-    }
-    return victim;
-}
-
 // Copies a tile of the picture into a slot, past the processor's caches: most slots are not
 // looked at for long, and a store through the caches first reads what it overwrites. Half the
 // time of a plain copy of rows.
@@ -280,7 +265,7 @@ void tile_cache_insert(uint64_t hash, const uint8_t *tile, uint64_t stride)
 
     uint64_t set = set_of(hash);
     uint64_t *keys = tile_cache.cache_keys + 2 * set;
-    uint8_t way = way_to_write(keys, hash, tile_cache.cache_victim[set]);
+    uint8_t way = cache_way_to_write(keys, hash, tile_cache.cache_victim[set]);
     keys[way] = hash;
     store_tile(slot_tile(2 * set + way), tile, stride);
     tile_cache.cache_victim[set] = !way;

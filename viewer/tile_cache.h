@@ -1,14 +1,15 @@
 // The tile cache: tiles by content hash, so that the host can name a tile instead of sending
 // it.
 //
-// Two-way set-associative: set = hash mod (cache_capacity / 2), its ways are slots 2 * set
-// and 2 * set + 1. Guarded by frame_lock, with the picture that it feeds.
+// What it keeps and drops is protocol/cache_ways.h's matter. Guarded by frame_lock, with the
+// picture that it feeds.
 //
 // The cache outlives the session in a file (cache_file.h). Opening it tells the host which
 // tiles there are; it is saved every few minutes while tiles arrive, and at the end.
 #ifndef QV_VIEWER_TILE_CACHE_H
 #define QV_VIEWER_TILE_CACHE_H
 
+#include "protocol/cache_ways.h"
 #include "protocol/tile.h"
 #include "viewer/frame_decode.h"
 
@@ -18,7 +19,7 @@
 namespace viewer
 {
 
-constexpr uint32_t CACHE_CAPACITY = 8192; // slots; even
+constexpr uint32_t CACHE_CAPACITY = TILE_CACHE_SLOTS;
 constexpr size_t CACHE_PATH_SIZE = 512;
 
 struct tile_cache_record {
