@@ -12,6 +12,7 @@
 // time that host_lock is taken.
 #include "host/control_thread.h"
 #include "host/cache_mirror.h"
+#include "host/cache_replica.h"
 #include "host/capture_pace.h"
 #include "host/flow_control.h"
 #include "host/frame_pipeline.h"
@@ -129,8 +130,11 @@ static void take_cache_advert(host_session *session, const uint8_t *payload, uin
         lock_enter(&host_lock);
         bool over = session_over(session);
         if (!over) {
-            for (; done < end; done++)
-                cache_mirror_insert(load_le64(payload + (uint64_t)done * 8));
+            for (; done < end; done++) {
+                uint64_t hash = load_le64(payload + (uint64_t)done * 8);
+                cache_mirror_insert(hash);
+                cache_replica_advertised(hash);
+            }
             in_mirror = cache_mirror_count();
         }
         lock_leave(&host_lock);
@@ -165,6 +169,7 @@ static void take_cache_miss(host_session *session, const uint8_t *payload)
     lock_enter(&host_lock);
     if (!session_over(session)) {
         cache_mirror_remove(ref.hash);
+        cache_replica_missed(ref.hash, session->confirmed_seq.load());
         resend_tile(session, ref.tile_x, ref.tile_y);
         capture_pace_news();
     }

@@ -26,6 +26,7 @@
 // has its size, and copies a tile only when it changed.
 #include "host/frame_pipeline.h"
 #include "host/cache_mirror.h"
+#include "host/cache_replica.h"
 #include "host/capture.h"
 #include "host/capture_pace.h"
 #include "host/cursor.h"
@@ -57,10 +58,12 @@ std::atomic<uint32_t> frame_seq;
 uint16_t peer_caps;
 bool paces_bytes = true;
 bool finds_moves = true;
+bool keeps_replica = true;
 
 // Host server thread only.
 static struct {
     uint32_t last_iteration_tick; // end of the last full iteration
+    uint32_t walk_ms;             // time of the walk
     bool awaits_advert;           // nothing was walked yet, and the viewer keeps a cache
     int32_t walk_tx, walk_ty;     // tile of the hello's grid at which the next walk begins
     uint64_t tiles_sent_total;    // of this session, references included
@@ -318,6 +321,13 @@ static bool tile_changed(const tile_base &base, const uint8_t *now, const uint8_
     return base.base_state == BASE_LOST && !tile_is_zero(now, pitch);
 }
 
+// Whether the viewer is believed to hold a hash.
+static bool may_refer(uint64_t hash) REQUIRES(host_lock)
+{
+    return (peer_caps & CAP_TILE_CACHE) != 0 && cache_mirror_find(hash) &&
+           (!keeps_replica || cache_replica_may_refer(hash));
+}
+
 // Sends a changed tile.
 static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_seq,
                       frame_tiles *sent) REQUIRES(host_lock)
@@ -328,20 +338,22 @@ static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_
     const uint8_t *now = screen.frame_buffer + offset;
     uint8_t *before = screen.prev_frame + offset;
     tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 0, .hash = hash};
-    bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
-    if (cached && cache_mirror_find(head.hash)) {
+    if (may_refer(head.hash)) {
         uint8_t ref[TILE_REF_BYTES];
         put_tile_ref(ref, {head.tile_x, head.tile_y, head.hash});
         out_append_header(MSG_TILE_REF, sizeof ref);
         out_append(ref, sizeof ref);
         tile_base_referenced(base, frame_seq + 1);
+        cache_replica_reference(head.hash, frame_seq + 1, pipeline.walk_ms);
         sent->refs++;
     } else {
         bool uncertain = tile_base_uncertain(*base, confirmed_seq);
         append_tile(head, now, uncertain ? nullptr : before, pitch);
         tile_base_sent(base);
-        if (cached)
-            cache_mirror_insert(head.hash); // the viewer stores every tile it receives
+        if ((peer_caps & CAP_TILE_CACHE) != 0) { // the viewer stores every tile it receives
+            cache_mirror_insert(head.hash);
+            cache_replica_tile(head.hash, pipeline.walk_ms);
+        }
     }
     tile_copy(before, now, pitch);
 }
@@ -470,7 +482,7 @@ static void judge_line_tiles(line_tile *tiles, int32_t count, uint32_t confirmed
     for (int32_t i = 0; i < on_screen; i++) {
         line_tile *tile = judged[i];
         tile->hash = hashes[i];
-        tile->reference = (peer_caps & CAP_TILE_CACHE) != 0 && cache_mirror_find(tile->hash);
+        tile->reference = may_refer(tile->hash);
         const uint8_t *before =
             screen.prev_frame + tile_offset(screen.padded_width, tile->tx, tile->ty);
         // One whose base is in doubt goes whole.
@@ -711,7 +723,8 @@ bool frame_pipeline_step(host_session *session)
     if (awaits_advert(session))
         return true;
 
-    switch (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, clock_ms(),
+    pipeline.walk_ms = clock_ms();
+    switch (pacing_step(frame_seq, session->acked_seq, session->ema_rtt16, pipeline.walk_ms,
                         pipeline.last_iteration_tick)) {
     case PACE_WAIT:
         session->waits_for_ack = 1;
@@ -729,6 +742,8 @@ bool frame_pipeline_step(host_session *session)
     int32_t budget = session->tile_budget;
     lock_enter(&host_lock);
     uint32_t confirmed_seq = session->confirmed_seq;
+    if (session->advert_over.load() != 0)
+        cache_replica_advert_over();
     if (screen.move_count > 0)
         apply_moves(confirmed_seq);
     else
@@ -761,9 +776,11 @@ bool frame_pipeline_step(host_session *session)
 
 void frame_pipeline_start(uint16_t caps)
 {
+    uint32_t now = clock_ms();
     lock_enter(&host_lock);
     screen_session_start();
     cache_mirror_reset();
+    cache_replica_reset(frame_seq, now);
     move_search_reset(&moves);
     lock_leave(&host_lock);
     peer_caps = caps;
@@ -778,7 +795,7 @@ void frame_pipeline_start(uint16_t caps)
     out_reset();
     text_layer_reset();
     window_list_reset();
-    pipeline.last_iteration_tick = clock_ms();
+    pipeline.last_iteration_tick = now;
 }
 
 void frame_pipeline_run(host_session *session)

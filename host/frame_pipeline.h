@@ -25,6 +25,10 @@ extern bool paces_bytes;
 // where a test or a benchmark wants to know the difference. Server thread.
 extern bool finds_moves;
 
+// Whether the host keeps track of what the viewer's cache drops (cache_replica.h). True, except
+// where a test or a benchmark wants to know the difference; changed between sessions only.
+extern bool keeps_replica;
+
 // Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
 void frame_pipeline_start(uint16_t caps);
 
