@@ -11,7 +11,8 @@ help:
 	@echo "make test      every test and check, natively and under Wine (some minutes)"
 	@echo "make fuzz      each fuzz target for a minute, two at once (SECONDS=n: each so long)"
 	@echo "make soak      random sessions between a host and a viewer (SECONDS=n: so long, else 300)"
-	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed)"
+	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed;"
+	@echo "               LINES=1: how sessions feel over emulated slow lines instead)"
 	@echo "make bench-relay  the relay, beside plain TCP forwards (two minutes; docs/relay.md)"
 	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
 	@echo "make screenshots   the pictures of the desktop application in docs/images/"
@@ -50,7 +51,7 @@ mutate: setup
 
 # Under three minutes; docs/performance.md says how to read it.
 bench: setup
-	@tools/bench $(if $(BASE),--base $(BASE))
+	@tools/bench $(if $(LINES),--lines,$(if $(BASE),--base $(BASE)))
 
 # Two minutes.
 bench-relay: relay
