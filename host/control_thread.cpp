@@ -23,6 +23,8 @@
 #include "protocol/clock.h"
 #include "protocol/messages.h"
 
+#include <monocypher.h>
+
 namespace host
 {
 
@@ -231,6 +233,7 @@ void control_thread(void *argument)
             break;
         control_message(session, header.type, payload, header.length);
     }
+    crypto_wipe(payload, sizeof payload); // keys that were typed
 
     // The end is reported before the releases, which may be stuck in an input hook too: the
     // server has its own limit for this thread and need not notice the end any later.

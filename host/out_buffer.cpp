@@ -7,6 +7,7 @@
 #include "host/out_buffer.h"
 
 #include <assert.h>
+#include <monocypher.h>
 #include <stdlib.h>
 #include <string.h>
 
@@ -30,10 +31,15 @@ uint8_t *out_reserve(size_t length)
             return nullptr;
         }
         size_t capacity = (out.out_used + length) * 2 + OUT_SLACK_BYTES;
-        uint8_t *grown = (uint8_t *)realloc(out.out_buffer, capacity);
+        uint8_t *grown = (uint8_t *)malloc(capacity);
         if (!grown) {
             out.append_failed = true;
             return nullptr;
+        }
+        if (out.out_buffer) {
+            memcpy(grown, out.out_buffer, out.out_used);
+            crypto_wipe(out.out_buffer, out.out_capacity); // the screen, not yet sealed
+            free(out.out_buffer);
         }
         out.out_buffer = grown;
         out.out_capacity = capacity;

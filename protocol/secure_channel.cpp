@@ -3,7 +3,9 @@
 // Each half keeps one buffer for one record and works in place: a record is sealed behind
 // its own header, so that it leaves in one go without a small packet for the header alone,
 // and it is opened where it was received. The buffers only grow, so that a session which
-// has seen its largest record allocates nothing more.
+// has seen its largest record allocates nothing more. What the sender's buffer holds went over
+// the wire; the receiver's holds what was opened, keys that were typed for one, and is wiped
+// before its memory is given back.
 //
 // Invariants: a half is used only while it is open; it is closed for good by its first
 // failure, since after a partial record the peer could make no sense of what follows.
@@ -25,6 +27,8 @@ static void reset_sender(channel_sender *sender)
 
 void channel_reset_receiver(channel_receiver *receiver)
 {
+    if (receiver->recv_buf)
+        crypto_wipe(receiver->recv_buf, (size_t)receiver->recv_cap);
     free(receiver->recv_buf);
     crypto_wipe(receiver, sizeof *receiver);
 }
@@ -52,15 +56,18 @@ static void make_nonce(uint8_t nonce[NONCE_BYTES], uint64_t counter)
 }
 
 // Makes room for the ciphertext and tag of len bytes, and for `extra` bytes that do not
-// count towards *cap. False leaves buffer and capacity as they were.
+// count towards *cap; what was there is wiped. False leaves buffer and capacity as they were.
 static bool make_room(uint8_t **buf, uint64_t *cap, uint64_t len, uint64_t extra)
 {
     if (*cap >= len + RECORD_TAG_BYTES)
         return true;
     uint64_t wanted = len + RECORD_TAG_BYTES + RECORD_SLACK_BYTES;
-    uint8_t *grown = (uint8_t *)realloc(*buf, (size_t)(extra + wanted));
+    uint8_t *grown = (uint8_t *)malloc((size_t)(extra + wanted));
     if (!grown)
         return false;
+    if (*buf)
+        crypto_wipe(*buf, (size_t)(extra + *cap));
+    free(*buf);
     *buf = grown;
     *cap = wanted;
     return true;

@@ -59,8 +59,8 @@ struct secure_channel {
     channel_receiver receiver;
 };
 
-// Frees the buffers, wipes the keys and zeroes the record (or the half). The socket is the
-// caller's business. Harmless on a zeroed record.
+// Frees the buffers, wiping what was received, wipes the keys and zeroes the record (or the
+// half). The socket is the caller's business. Harmless on a zeroed record.
 void channel_reset(secure_channel *channel);
 void channel_reset_receiver(channel_receiver *receiver);
 
