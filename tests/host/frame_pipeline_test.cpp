@@ -1513,6 +1513,35 @@ TEST_CASE("nothing is moved from a tile of which the reference is not confirmed"
     }
 }
 
+TEST_CASE("a lost tile that equals prev_frame is not done with by the search")
+{
+    start(192, 64);
+    test_random random = test_random_seeded("lost and searched");
+    fill_noise(tile_rect(2, 0), &random);
+    fill(tile_rect(1, 0), GREEN);
+    step();
+    viewer_forgets(teach(RED));
+    fill(tile_rect(1, 0), RED);
+    CHECK(count_type(step(), MSG_TILE_REF) == 1);
+    CHECK(base_of(1, 0).base_state == BASE_LOST); // it shows green, and prev_frame is zero
+    // Its right half is black now, and a move covers the left one: prev_frame equals the
+    // screen, the viewer does not. The frame's one tile is another.
+    session.tile_budget = 1;
+    fill_noise(tile_rect(0, 0), &random);
+    fill({96, 0, 128, 64}, 0);
+    move_block({128, 0, 64, 0, 32, 64});
+    std::vector<model_message> frame = step();
+    CHECK(count_type(frame, MSG_COPY_RECTS) == 1);
+    REQUIRE(tiles_in(frame).size() == 1);
+    CHECK(tiles_in(frame)[0].tile_x == 0);
+    CHECK_FALSE(tile_shown(1, 0));
+    // Without reported moves the next frame looks for some.
+    tile_head sent = only_tile(step());
+    CHECK(sent.tile_x == 1);
+    CHECK(sent.raw == 1);
+    CHECK(picture_right());
+}
+
 TEST_CASE("a found move takes the blank off the tiles that it draws on")
 {
     start(512, 256);

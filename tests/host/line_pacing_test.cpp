@@ -562,6 +562,17 @@ TEST_CASE("acknowledgements that cannot be true change nothing")
     CHECK(line.acked_bytes == line.sent_bytes);
 }
 
+TEST_CASE("before the numbers wrap a frame of number 0 was not sent yet")
+{
+    line_pacing line; // zeroed: it holds no frame, and each of them has the number 0
+    line_start(&line, 0xFFFFFFFDu, 40 * MS, 40 * MS, SECOND);
+    line_sent(&line, 0xFFFFFFFEu, 1000, 2 * SECOND);
+    line_acked(&line, 0, 3 * SECOND);
+    CHECK(line.acked_seq == 0xFFFFFFFDu);
+    line_acked(&line, 0xFFFFFFFEu, 4 * SECOND);
+    CHECK(line.acked_bytes == 1000);
+}
+
 TEST_CASE("an acknowledgement stands for all frames before it")
 {
     line_pacing line = started(40 * MS);

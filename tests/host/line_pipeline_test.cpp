@@ -579,6 +579,35 @@ TEST_CASE("small tiles take half of a frame, in turn, and the rest has its turn 
     CHECK(line.dropped == 0);
 }
 
+TEST_CASE("the rest has its turn, however many references there are")
+{
+    // 40 x 40 tiles on a line whose frames take 8 KiB, the least there is. All but one have
+    // another colour at their top whenever they are looked at, and the viewer knows each of
+    // these five tiles: references of 20 bytes, 410 in a frame, so that the walk is round after
+    // four frames.
+    start(2560, 2560, 100000, 100 * MS);
+    uint32_t looks = 0;
+    capture_script_step = [&] {
+        looks++;
+        for (int32_t y = 0; y < 2560; y += 64)
+            fill({0, y, 2560, y + 1}, 0xFF000001 + looks % 5);
+        draw_noise({39 * 64, 39 * 64, 39 * 64 + 32, 39 * 64 + 32});
+        return capture();
+    };
+    run_for(4 * SECOND);
+    note_frames();
+    run_for(4 * SECOND);
+    REQUIRE(frames_got.size() >= 20);
+    size_t turns = 0;
+    for (const std::vector<got_tile> &frame : frames_got) {
+        CHECK(frame.size() >= 400);
+        CHECK(frame.size() < 500);
+        for (const got_tile &tile : frame)
+            turns += tile.tx == 39 && tile.ty == 39;
+    }
+    CHECK(turns * 5 >= frames_got.size());
+}
+
 TEST_CASE("without room nothing is captured, and an acknowledgement wakes the host")
 {
     start_at_rest(0);

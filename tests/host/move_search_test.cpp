@@ -314,6 +314,25 @@ TEST_CASE("a pane does not take its neighbour along")
     CHECK(destination(found.moves[0]) == rect{0, 0, 300, 482});
 }
 
+TEST_CASE("panes that move alike leave alone what stays between them")
+{
+    // Wider than either: one move of all, and one back, would be worth less.
+    image before(768, 512), now(768, 512), paper(768, 700);
+    noise(&paper, whole(paper), 11);
+    for (int32_t left : {0, 568}) {
+        copy(&before, paper, {left, 0, left + 200, 512}, 0, 0);
+        copy(&now, paper, {left, 30, left + 200, 542}, 0, -30);
+    }
+    for (image *p : {&before, &now})
+        noise(p, {200, 0, 568, 512}, 12);
+    result found = search_once(before, now);
+    check_result(before, now, found);
+    REQUIRE(found.moves.size() == 2);
+    bool swapped = destination(found.moves[0]).left != 0;
+    CHECK(destination(found.moves[swapped]) == rect{0, 0, 200, 482});
+    CHECK(destination(found.moves[!swapped]) == rect{568, 0, 768, 482});
+}
+
 TEST_CASE("what only changed did not move")
 {
     image before(640, 480), now(640, 480);
