@@ -14,7 +14,7 @@ help:
 	@echo "make bench     how fast it is, against known libraries (BASE=commit: and what changed;"
 	@echo "               LINES=1: how sessions feel over emulated slow lines instead)"
 	@echo "make bench-relay  the relay, beside plain TCP forwards (two minutes; docs/relay.md)"
-	@echo "make mutate    what notices when a safety clause is removed (an hour; docs/testing.md)"
+	@echo "make mutate    what notices when a safety clause is removed (20 minutes; docs/testing.md)"
 	@echo "make screenshots   the pictures of the desktop application in docs/images/"
 	@echo
 	@echo "Each first installs what it needs (tools/setup; Debian 12, root or sudo)."

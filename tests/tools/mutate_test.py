@@ -8,6 +8,7 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import threading
 import unittest
 
 TOOL = pathlib.Path(__file__).resolve().parent.parent.parent / "tools/mutate"
@@ -146,7 +147,8 @@ class ReadingTest(unittest.TestCase):
 
     def test_the_session_that_breaks_is_named_and_how_many_are_played_is_passed_on(self):
         # Stands for a program of random sessions, of which the 610th breaks.
-        program = ("#!/bin/sh\n[ $4 ] && exit\n[ ${QV_SEEDS:-2000} -lt 610 ] && exit\n"
+        program = ("#!/bin/sh\n[ $4 ] && exit\n[ ${QV_SEED:-610} = 610 ] || exit 0\n"
+                   "[ ${QV_SEEDS:-2000} -lt 610 ] && exit\n"
                    "echo QV_SEED=610: does not hold at step 7: x\nexit 1\n")
         with tempfile.TemporaryDirectory() as root:
             for name, text in {"build/linux-asan/tests/r_test": program,
@@ -155,10 +157,52 @@ class ReadingTest(unittest.TestCase):
                 path.parent.mkdir(parents=True)
                 path.write_text(text)
                 path.chmod(0o755)
-            for sessions, expected in ("", "610"), ("100", ""), ("2000", "610"):
+            for sessions, expected in (("", "610"), ("100", ""), ("2000", "610"),
+                                       ("=610", "610"), ("=611", "")):
                 failure, _, seed = self.tool.run_test(pathlib.Path(root), "random", "r_test", 60,
                                                       sessions)
                 self.assertEqual((failure is not None, seed), (expected != "", expected))
+
+    def test_a_program_that_hangs_is_ended_and_said_to(self):
+        with tempfile.TemporaryDirectory() as root:
+            for name, text in {"build/linux-asan/tests/h_test": "#!/bin/sh\n[ $4 ] && exit\n"
+                               "echo 'TEST CASE:  two holds'\nexec sleep 600\n",
+                               "tests/host/h_test.cpp": ""}.items():
+                path = pathlib.Path(root, name)
+                path.parent.mkdir(parents=True)
+                path.write_text(text)
+                path.chmod(0o755)
+            failure, _, _ = self.tool.run_test(pathlib.Path(root), "", "h_test", 1)
+        self.assertEqual(failure, ("two holds", "has not ended after 1 s"))
+
+    def test_a_tree_has_one_mutation_at_a_time(self):
+        busy, both = set(), threading.Barrier(2, timeout=60)
+
+        def work(tree, item):
+            self.assertNotIn(tree, busy)
+            busy.add(tree)
+            both.wait()  # the other one is in the other tree
+            busy.remove(tree)
+            return item * 10
+
+        done = list(self.tool.side_by_side(["one", "two"], work, range(6)))
+        self.assertEqual(sorted(done), [(item, item * 10) for item in range(6)])
+
+    def test_results_of_other_code_do_not_count(self):
+        with tempfile.TemporaryDirectory() as root:
+            self.tool.ROOT = pathlib.Path(root)
+            self.tool.RESULTS = pathlib.Path(root, "results.json")
+            code = pathlib.Path(root, "host/x.cpp")
+            code.parent.mkdir()
+            code.write_text("old")
+            known = self.tool.load_results()
+            known["results"]["x"] = {"verdict": "caught"}
+            self.tool.save_json(self.tool.RESULTS, known)
+            self.assertEqual(self.tool.load_results(), known)
+            code.write_text("new")
+            self.assertEqual(self.tool.load_results()["results"], {})
+            code.write_text("old")
+            self.assertEqual(self.tool.load_results(), known)
 
 
 unittest.main()
