@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <deque>
+#include <initializer_list>
 #include <string.h>
 #include <vector>
 
@@ -61,6 +62,12 @@ struct simulation {
     std::vector<uint64_t> queue_samples; // time in the queue, a sample a millisecond
     std::vector<uint64_t> sent_at;
     double carried = 0;
+
+    simulation(double line_rate, uint64_t line_trip_us) : simulation(line_trip_us)
+    {
+        rate = line_rate;
+        trip_us = line_trip_us;
+    }
 
     explicit simulation(uint64_t handshake_us = 40 * MS)
     {
@@ -162,60 +169,50 @@ struct simulation {
 };
 } // namespace
 
+// Lets a host send for so long, and holds the line to being full and its queue to a median and
+// to a time that a twentieth may exceed.
+static void check_full_and_short(simulation *s, uint64_t seconds, uint64_t median_us,
+                                 uint64_t long_us)
+{
+    s->forget();
+    s->run(seconds * SECOND);
+    CHECK(s->dropped == 0);
+    CHECK(s->carried >= 0.9 * (double)seconds * s->rate);
+    CHECK(s->queue_percentile(50) <= median_us);
+    CHECK(s->queue_percentile(95) <= long_us);
+}
+
 TEST_CASE("a slow line is kept full, its queue short and nothing is dropped")
 {
     struct {
         double rate;
         uint64_t trip_us;
     } lines[] = {{2500000, 40 * MS}, {625000, 100 * MS}};
+    struct {
+        uint64_t clock_us, tick_us, median_us, long_us;
+    } clocks[] = {
+        {1, MS, 60 * MS, 100 * MS},
+        {1, 16 * MS, 60 * MS, 100 * MS},
+        // No system that is known has a fine clock of such steps. Round trips then come out up
+        // to a step too short, the rate a tenth too high on the longer line, and the queue with
+        // it.
+        {16 * MS, 16 * MS, 70 * MS, 115 * MS},
+    };
     for (auto &row : lines)
-        for (uint64_t tick : {MS, 16 * MS})
+        for (auto &clock : clocks)
             for (uint64_t late : {(uint64_t)0, 20 * MS}) {
                 CAPTURE(row.rate);
-                CAPTURE(tick);
+                CAPTURE(clock.clock_us);
+                CAPTURE(clock.tick_us);
                 CAPTURE(late);
-                simulation s(row.trip_us);
-                s.rate = row.rate;
-                s.trip_us = row.trip_us;
-                s.tick_us = tick;
+                simulation s(row.rate, row.trip_us);
+                s.clock_us = clock.clock_us;
+                s.tick_us = clock.tick_us;
                 s.ack_late_us = late;
                 s.run(SECOND);
                 CHECK(s.dropped == 0);
-                s.forget();
-                s.run(20 * SECOND);
-                CHECK(s.dropped == 0);
-                CHECK(s.carried >= 0.9 * 20 * row.rate);
-                CHECK(s.queue_percentile(50) <= 60 * MS);
-                CHECK(s.queue_percentile(95) <= 100 * MS);
+                check_full_and_short(&s, 20, clock.median_us, clock.long_us);
             }
-}
-
-// The fine clock has no such steps on any system that is known. Round trips then come out up
-// to a step too short, the rate a tenth too high on the longer line, and the queue with it.
-TEST_CASE("with a clock of 16 ms steps the queue is hardly longer")
-{
-    struct {
-        double rate;
-        uint64_t trip_us;
-    } lines[] = {{2500000, 40 * MS}, {625000, 100 * MS}};
-    for (auto &row : lines)
-        for (uint64_t late : {(uint64_t)0, 20 * MS}) {
-            CAPTURE(row.rate);
-            CAPTURE(late);
-            simulation s(row.trip_us);
-            s.rate = row.rate;
-            s.trip_us = row.trip_us;
-            s.clock_us = s.tick_us = 16 * MS;
-            s.ack_late_us = late;
-            s.run(SECOND);
-            CHECK(s.dropped == 0);
-            s.forget();
-            s.run(20 * SECOND);
-            CHECK(s.dropped == 0);
-            CHECK(s.carried >= 0.9 * 20 * row.rate);
-            CHECK(s.queue_percentile(50) <= 70 * MS);
-            CHECK(s.queue_percentile(95) <= 115 * MS);
-        }
 }
 
 TEST_CASE("without it seconds of pictures lie in the queue")
@@ -236,25 +233,16 @@ TEST_CASE("a slow line that looked near is noticed, and its queue goes")
     CHECK_FALSE(s.line.in);
     s.run(5 * SECOND);
     CHECK(s.line.in);
-    s.forget();
-    s.run(10 * SECOND);
-    CHECK(s.dropped == 0);
-    CHECK(s.carried >= 0.9 * 10 * s.rate);
-    CHECK(s.queue_percentile(50) <= 60 * MS);
-    CHECK(s.queue_percentile(95) <= 100 * MS);
+    check_full_and_short(&s, 10, 60 * MS, 100 * MS);
 }
 
 TEST_CASE("a peer that answers at once never makes the limit apply, whatever it stamps")
 {
     for (int32_t forged : {-1, 0, 40, 5000, 1000000}) {
         CAPTURE(forged);
-        simulation s(0);
-        s.rate = 1e9;
-        s.trip_us = 0;
+        simulation s(1e9, 0);
         s.forged_ms = forged;
-        simulation by_the_letter(0);
-        by_the_letter.rate = 1e9;
-        by_the_letter.trip_us = 0;
+        simulation by_the_letter(1e9, 0);
         by_the_letter.forged_ms = forged;
         by_the_letter.paced = false;
         for (int i = 0; i < 5000; i++) {
@@ -334,9 +322,7 @@ TEST_CASE("a fourfold change of the rate is followed within five round trips")
         for (double factor : {4.0, 0.25}) {
             CAPTURE(trip);
             CAPTURE(factor);
-            simulation s(trip);
-            s.trip_us = trip;
-            s.rate = factor > 1 ? 625000 : 2500000;
+            simulation s(factor > 1 ? 625000 : 2500000, trip);
             s.run(10 * SECOND);
             s.rate *= factor;
             CHECK(round_trips_until_settled(&s) <= 5);
@@ -352,9 +338,7 @@ TEST_CASE("a round trip that grows by 100 ms costs the rate for less than 30 s")
     for (auto &row : lines) {
         CAPTURE(row.rate);
         CAPTURE(row.trip_us);
-        simulation s(row.trip_us);
-        s.rate = row.rate;
-        s.trip_us = row.trip_us;
+        simulation s(row.rate, row.trip_us);
         s.run(20 * SECOND);
         s.trip_us += 100 * MS;
         s.run(25 * SECOND);
@@ -483,62 +467,67 @@ TEST_CASE("rate, limit and the size of a frame")
     CHECK(line.estimate == 1250000);
 }
 
-TEST_CASE("the largest rate counts for 1.5 to 3 s, and then the last one known")
+// Frames there and back one after the other, and what is believed after each.
+struct round_trip {
+    uint64_t bytes, at_us, rtt_us, due;
+};
+
+static void check_rounds(uint64_t (*believed)(const line_pacing *),
+                         std::initializer_list<round_trip> rounds)
 {
     line_pacing line = started(40 * MS);
-    there_and_back(&line, 100, SECOND, 40 * MS);
-    there_and_back(&line, 100000, 2 * SECOND, 50 * MS); // 2 MB/s
-    CHECK(line.estimate == 2000000);
-    there_and_back(&line, 50000, 3400 * MS, 50 * MS); // 1 MB/s
-    CHECK(line.estimate == 2000000);
-    there_and_back(&line, 50000, 4 * SECOND, 50 * MS);
-    CHECK(line.estimate == 2000000);
-    there_and_back(&line, 50000, 5600 * MS, 50 * MS);
-    CHECK(line.estimate == 1000000);
-    there_and_back(&line, 100, 60 * SECOND, 50 * MS);
-    CHECK(line.estimate == 1000000);
+    for (const round_trip &row : rounds) {
+        CAPTURE(row.at_us);
+        there_and_back(&line, row.bytes, row.at_us, row.rtt_us);
+        CHECK(believed(&line) == row.due);
+    }
+}
+
+static uint64_t believed_rate(const line_pacing *line)
+{
+    return line->estimate;
+}
+
+TEST_CASE("the largest rate counts for 1.5 to 3 s, and then the last one known")
+{
+    check_rounds(believed_rate, {{100, 1 * SECOND, 40 * MS, 0},
+                                 {100000, 2 * SECOND, 50 * MS, 2000000},
+                                 {50000, 3400 * MS, 50 * MS, 2000000}, // 1 MB/s
+                                 {50000, 4 * SECOND, 50 * MS, 2000000},
+                                 {50000, 5600 * MS, 50 * MS, 1000000},
+                                 {100, 60 * SECOND, 50 * MS, 1000000}});
 }
 
 TEST_CASE("what is 120 ms late counts by the latest rates alone")
 {
-    line_pacing line = started(40 * MS);
-    there_and_back(&line, 100, SECOND, 40 * MS);
-    there_and_back(&line, 100000, 2000 * MS, 50 * MS);
-    there_and_back(&line, 100000, 2200 * MS, 170 * MS); // queued for more than 120 ms
-    there_and_back(&line, 100000, 2400 * MS, 170 * MS);
-    CHECK(line.estimate == 2000000); // the first is of the last three
-    there_and_back(&line, 100000, 2600 * MS, 200 * MS);
-    CHECK(line.estimate == 588235); // 100,000 in 170 ms
+    check_rounds(believed_rate,
+                 {{100, 1 * SECOND, 40 * MS, 0},
+                  {100000, 2000 * MS, 50 * MS, 2000000},
+                  {100000, 2200 * MS, 170 * MS, 2000000},  // queued for more than 120 ms
+                  {100000, 2400 * MS, 170 * MS, 2000000},  // the first is of the last three
+                  {100000, 2600 * MS, 200 * MS, 588235}}); // 100,000 in 170 ms
 }
 
 TEST_CASE("the base is the smallest round trip of one to two minutes and of the handshake")
 {
-    line_pacing line = started(40 * MS);
-    there_and_back(&line, 100, 2 * SECOND, 30 * MS);
-    CHECK(line_base_us(&line) == 30 * MS);
-    there_and_back(&line, 100, 70 * SECOND, 35 * MS);
-    CHECK(line_base_us(&line) == 30 * MS);
-    there_and_back(&line, 100, 135 * SECOND, 38 * MS);
-    CHECK(line_base_us(&line) == 35 * MS);
-    there_and_back(&line, 100, 400 * SECOND, 90 * MS);
-    CHECK(line_base_us(&line) == 40 * MS); // the handshake's
+    check_rounds(line_base_us, {{100, 2 * SECOND, 30 * MS, 30 * MS},
+                                {100, 70 * SECOND, 35 * MS, 30 * MS},
+                                {100, 135 * SECOND, 38 * MS, 35 * MS},
+                                {100, 400 * SECOND, 90 * MS, 40 * MS}}); // the handshake's
 }
 
 TEST_CASE("at the smallest limit three long round trips in a row become the base")
 {
-    line_pacing line = started(40 * MS);
-    there_and_back(&line, 100, SECOND, 40 * MS);
-    there_and_back(&line, 20000, 2 * SECOND, 150 * MS); // 133 KB/s: 12,000 bytes in 90 ms
-    REQUIRE(line_limit(&line) == LINE_LIMIT_MIN);
-    there_and_back(&line, 100, 3 * SECOND, 140 * MS);
-    there_and_back(&line, 100, 4 * SECOND, 80 * MS); // not more than 40 ms too long
-    there_and_back(&line, 100, 5 * SECOND, 140 * MS);
-    there_and_back(&line, 100, 6 * SECOND, 130 * MS);
-    CHECK(line_base_us(&line) == 40 * MS);
-    there_and_back(&line, 100, 7 * SECOND, 150 * MS);
-    CHECK(line_base_us(&line) == 130 * MS);
-    there_and_back(&line, 100, 8 * SECOND, 110 * MS);
-    CHECK(line_base_us(&line) == 110 * MS);
+    check_rounds(line_base_us,
+                 {{100, 1 * SECOND, 40 * MS, 40 * MS},
+                  // 133 KB/s: 12,000 bytes in 90 ms, which is less than the smallest limit.
+                  {20000, 2 * SECOND, 150 * MS, 40 * MS},
+                  {100, 3 * SECOND, 140 * MS, 40 * MS},
+                  {100, 4 * SECOND, 80 * MS, 40 * MS}, // not more than 40 ms too long
+                  {100, 5 * SECOND, 140 * MS, 40 * MS},
+                  {100, 6 * SECOND, 130 * MS, 40 * MS},
+                  {100, 7 * SECOND, 150 * MS, 130 * MS},
+                  {100, 8 * SECOND, 110 * MS, 110 * MS}});
 }
 
 // ---------------------------------------------------------------------------------------
