@@ -9,6 +9,7 @@
 // never matter to it; 2 on a usage error.
 #include "bench/groups.h"
 #include "bench/machine.h"
+#include "bench/memory.h"
 #include "bench/moving.h"
 #include "bench/photon.h"
 #include "bench/picture.h"
@@ -109,6 +110,7 @@ int main(int argc, char **argv)
     int shown = dup(STDOUT_FILENO);
     int hidden = open("/dev/null", O_WRONLY);
     dup2(hidden, STDOUT_FILENO);
+    memory_measure(&lines, args.words);
     road_measure(&lines, args.words);
     moving_measure(&lines, args.words);
     photon_measure(&lines, args.words);

@@ -11,7 +11,9 @@
 // makes them slower and is why their totals are not used.
 #include "bench/road.h"
 
+#include "bench/memory.h"
 #include "bench/screens.h"
+#include "bench/session.h"
 #include "bench/stages.h"
 #include "host/cache_mirror.h"
 #include "host/control_thread.h"
@@ -208,14 +210,11 @@ static bool anything_dirty()
     return false;
 }
 
-static size_t largest_record; // of all that were sent so far
-
 static void host_step(play *p)
 {
     double then[STAGES];
     memcpy(then, stages.ns, sizeof then);
     uint64_t allocations = stage_allocations;
-    size_t unsent = road_to_viewer.bytes.size();
     memory_of = MEMORY_HOST;
     int64_t start = bench_processor_time();
     p->right = host::frame_pipeline_step(p->session) && p->right;
@@ -225,8 +224,6 @@ static void host_step(play *p)
         p->right = p->right && stage_allocations == allocations && road_to_viewer.bytes.empty();
     memory_of = MEMORY_VIEWER;
     p->times.bytes += (double)road_to_viewer.bytes.size();
-    if (road_to_viewer.bytes.size() - unsent > largest_record)
-        largest_record = road_to_viewer.bytes.size() - unsent;
 }
 
 // Hands the viewer's answers to the host, as the control thread does.
@@ -309,28 +306,13 @@ static void play_others(play *p)
     lock_leave(&host::host_lock);
 }
 
-// Whether the viewer shows the screen in every byte. Its lock is held by nobody here.
-static bool picture_right()
-{
-    const picture &screen = road_screen;
-    lock_enter(&viewer::frame_lock);
-    bool right = true;
-    for (int32_t y = 0; y < screen.height; y++)
-        right = right && memcmp(viewer::frame.frame_pixels +
-                                    (size_t)y * (size_t)viewer::frame.frame_stride * 4,
-                                &screen.pixels[(size_t)y * (size_t)screen.width],
-                                (size_t)screen.width * 4) == 0;
-    lock_leave(&viewer::frame_lock);
-    return right;
-}
-
 static void play_frame_ends(play *p)
 {
     memcpy(p->times.stage, stages.ns, sizeof stages.ns);
     p->times.moves = (double)(stage_moves_found - p->moves_before);
     bool fine = stages.fine;
     stages.fine = false;
-    p->right = p->right && picture_right();
+    p->right = p->right && bench_shows(road_screen);
     if (p->frame >= p->now->first) {
         if (p->manner == ROAD_WHOLE)
             play_others(p);
@@ -379,14 +361,6 @@ static void open_channels(play *p)
         channel_take_receiver(&host::host_channel, &p->session->receiver);
 }
 
-// What a thread does while a session begins. Older trees do not have it.
-template <class pointer> static void touch_cache(pointer nothing)
-{
-    using namespace viewer;
-    if constexpr (requires { tile_cache_touch(nothing); })
-        tile_cache_touch(nothing);
-}
-
 bool road_play(const scene &now, road_manner manner, std::vector<frame_times> *account)
 {
     const picture &screen = road_screen;
@@ -398,7 +372,7 @@ bool road_play(const scene &now, road_manner manner, std::vector<frame_times> *a
     if (!opened || !viewer::frame_open(screen.width, screen.height))
         return false;
     viewer::tile_cache_open();
-    touch_cache((void *)nullptr);
+    bench_touch_cache();
     road_to_viewer = {};
     road_to_host = {};
     play p = {};
@@ -545,32 +519,14 @@ static void add_lines(std::vector<bench_line> *lines, const scene &now, const st
     lines->push_back(line);
 }
 
-// What each side held at most, and what its buffers come to if they are as large as they have
-// to be for the largest record so far. Beside those, 16 MiB are allowed.
+// What each side held at most, of blocks of a page and more.
 static void add_memory_lines(std::vector<bench_line> *lines, const std::string &size,
                              int32_t width, int32_t height)
 {
-    double pixels = (double)pad_to_tile(width) * pad_to_tile(height) * PIXEL_BYTES;
-    double record = (double)largest_record;
-    double host = 2 * pixels + host::CACHE_MIRROR_SLOTS * 8.0 + // the mirror of the cache
-                  2 * record + 65536 +                          // messages of a frame
-                  record + 4096;                                // sealing them
-    double viewer = pixels + viewer::CACHE_CAPACITY * (TILE_BYTES + 8.0) + record + 4096;
-    for (memory_side side : {MEMORY_HOST, MEMORY_VIEWER}) {
-        bench_line line;
-        line.group = "memory";
-        line.name = size + ": " + (side == MEMORY_HOST ? "host" : "viewer") + ", peak";
-        line.unit = "side";
-        line.sense = BENCH_TIME;
-        line.bytes = true;
-        line.target = 1;
-        line.other.name = "its buffers and 16 MiB";
-        line.own_times = {(double)memory_peak[side]};
-        line.other_times = {(side == MEMORY_HOST ? host : viewer) + 16 * 1048576.0};
-        bool right = line.own_times[0] > pixels && line.own_times[0] <= line.other_times[0];
-        line.right = [=] { return right; };
-        lines->push_back(line);
-    }
+    for (memory_side side : {MEMORY_HOST, MEMORY_VIEWER})
+        lines->push_back(memory_line(
+            side, size + ": " + (side == MEMORY_HOST ? "host" : "viewer") + ", blocks", width,
+            height, (double)memory_peak[side]));
 }
 
 static bool wanted(const std::string &name, const std::vector<std::string> &words)

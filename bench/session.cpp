@@ -9,6 +9,8 @@
 #include "protocol/clock.h"
 #include "protocol/handshake.h"
 #include "protocol/thread.h"
+#include "viewer/frame_decode.h"
+#include "viewer/tile_cache.h"
 #include "viewer/viewer_channel.h"
 
 #include <string.h>
@@ -45,4 +47,30 @@ void bench_serve(net_socket sock, uint32_t advert_wait_ms)
 bool bench_join(net_socket sock)
 {
     return handshake_as_viewer(&viewer::viewer_channel, sock, PASSWORD);
+}
+
+// Older trees do not have it.
+template <class pointer> static void touch_cache(pointer nothing)
+{
+    using namespace viewer;
+    if constexpr (requires { tile_cache_touch(nothing); })
+        tile_cache_touch(nothing);
+}
+
+void bench_touch_cache()
+{
+    touch_cache((void *)nullptr);
+}
+
+bool bench_shows(const picture &screen)
+{
+    lock_enter(&viewer::frame_lock);
+    bool same = true;
+    for (int32_t y = 0; same && y < screen.height; y++)
+        same = memcmp(viewer::frame.frame_pixels +
+                          (size_t)y * (size_t)viewer::frame.frame_stride * 4,
+                      &screen.pixels[(size_t)y * (size_t)screen.width],
+                      (size_t)screen.width * 4) == 0;
+    lock_leave(&viewer::frame_lock);
+    return same;
 }

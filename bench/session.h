@@ -4,6 +4,7 @@
 #ifndef QV_BENCH_SESSION_H
 #define QV_BENCH_SESSION_H
 
+#include "bench/picture.h"
 #include "protocol/net.h"
 
 #include <stdint.h>
@@ -14,5 +15,12 @@ void bench_serve(net_socket sock, uint32_t advert_wait_ms);
 
 // The viewer's handshake with such a host.
 bool bench_join(net_socket sock);
+
+// Touches the memory of the viewer's cache, which is open, as a thread does while a session
+// begins.
+void bench_touch_cache();
+
+// Whether the viewer shows the picture in every byte.
+bool bench_shows(const picture &screen);
 
 #endif

@@ -12,6 +12,7 @@
 
 stage_record stages;
 std::atomic<uint64_t> stage_allocations;
+std::atomic<size_t> stage_largest_record;
 uint64_t stage_moves_found;
 road_link road_to_viewer, road_to_host;
 std::function<void()> road_refill;
@@ -210,6 +211,9 @@ extern "C" void __wrap_free(void *memory)
 extern "C" bool __real__Z12net_send_allmPKhm(net_socket sock, const uint8_t *data, size_t n);
 extern "C" bool __wrap__Z12net_send_allmPKhm(net_socket sock, const uint8_t *data, size_t n)
 {
+    size_t largest = stage_largest_record;
+    while (n > largest && !stage_largest_record.compare_exchange_weak(largest, n)) {
+    }
     if (sock != ROAD_HOST_SOCKET && sock != ROAD_VIEWER_SOCKET)
         return __real__Z12net_send_allmPKhm(sock, data, n);
     road_link *link = sock == ROAD_HOST_SOCKET ? &road_to_viewer : &road_to_host;

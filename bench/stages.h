@@ -47,6 +47,9 @@ enum memory_side { MEMORY_NOBODY, MEMORY_HOST, MEMORY_VIEWER, MEMORY_SIDES };
 extern memory_side memory_of;            // who takes what is taken now; one thread at a time
 extern size_t memory_peak[MEMORY_SIDES]; // bytes held at once so far
 
+// The largest record sent so far, by either side.
+extern std::atomic<size_t> stage_largest_record;
+
 // Calls of malloc, calloc and realloc by the product and the bench so far.
 extern std::atomic<uint64_t> stage_allocations;
 

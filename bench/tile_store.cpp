@@ -306,18 +306,6 @@ static void host_thread(void *)
     bench_serve(line_to_host.ends[0], ADVERT_WAIT_MS);
 }
 
-static bool picture_complete()
-{
-    const picture &p = line_to_host.screen;
-    bool same = true;
-    lock_enter(&frame_lock);
-    for (int32_t y = 0; same && y < p.height; y++)
-        same = memcmp(frame.frame_pixels + (size_t)y * (size_t)frame.frame_stride * 4,
-                      &p.pixels[(size_t)y * (size_t)p.width], (size_t)p.width * 4) == 0;
-    lock_leave(&frame_lock);
-    return same;
-}
-
 struct connect_cost {
     double ns;
     uint64_t bytes;
@@ -346,11 +334,11 @@ static bool connect_once(connect_cost *cost)
         right = viewer_send_key(0, false);
     }
     thread *receive = right ? thread_start(viewer_recv_thread, nullptr) : nullptr;
-    while (receive && !picture_complete() && bench_now() - start < 60000000000)
+    while (receive && !bench_shows(p) && bench_now() - start < 60000000000)
         clock_sleep_ms(1);
     cost->ns = (double)(bench_now() - start);
     cost->bytes = statistics.stat_bytes;
-    right = receive && picture_complete();
+    right = receive && bench_shows(p);
 
     net_abort(pair[1]);
     if (receive)
