@@ -13,6 +13,8 @@
 //   probe_tool cursor                   position of the pointer
 //   probe_tool pressed                  virtual-key codes that are down, mouse buttons included
 //   probe_tool holds NAME               handles and private KiB of the process NAME.exe
+//   probe_tool peaks NAME               the most KiB that the process NAME.exe had in memory,
+//                                       and the most that it had committed
 //   probe_tool place TITLE X Y W H      moves and sizes a window
 //   probe_tool front TITLE              makes a window the foreground window
 //   probe_tool post TITLE MSG WPARAM    posts a message with a number
@@ -174,8 +176,8 @@ int print_front()
     return 0;
 }
 
-// Private bytes are a bound only: Wine counts what its own side of the process has too.
-int print_holds(const char *name)
+// A running process, to ask about it, and what is known of its memory; null when there is none.
+HANDLE find_process(const char *name, PROCESS_MEMORY_COUNTERS_EX *memory)
 {
     HANDLE list = CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0);
     PROCESSENTRY32 entry = {};
@@ -186,12 +188,31 @@ int print_holds(const char *name)
             pid = entry.th32ProcessID;
     HANDLE process =
         pid ? OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid) : nullptr;
+    if (!process ||
+        !K32GetProcessMemoryInfo(process, (PROCESS_MEMORY_COUNTERS *)memory, sizeof *memory))
+        return nullptr;
+    return process;
+}
+
+// Private bytes are a bound only: Wine counts what its own side of the process has too.
+int print_holds(const char *name)
+{
     DWORD handles = 0;
     PROCESS_MEMORY_COUNTERS_EX memory = {};
-    if (!process || !GetProcessHandleCount(process, &handles) ||
-        !K32GetProcessMemoryInfo(process, (PROCESS_MEMORY_COUNTERS *)&memory, sizeof memory))
+    HANDLE process = find_process(name, &memory);
+    if (!process || !GetProcessHandleCount(process, &handles))
         return 1;
     printf("%lu %lu\n", handles, (unsigned long)(memory.PrivateUsage / 1024));
+    return 0;
+}
+
+int print_peaks(const char *name)
+{
+    PROCESS_MEMORY_COUNTERS_EX memory = {};
+    if (!find_process(name, &memory))
+        return 1;
+    printf("%lu %lu\n", (unsigned long)(memory.PeakWorkingSetSize / 1024),
+           (unsigned long)(memory.PeakPagefileUsage / 1024));
     return 0;
 }
 
@@ -256,6 +277,8 @@ int main(int argc, char **argv)
         return run_bare(argv[2]);
     if (strcmp(verb, "holds") == 0 && argc == 3)
         return print_holds(argv[2]);
+    if (strcmp(verb, "peaks") == 0 && argc == 3)
+        return print_peaks(argv[2]);
 
     HWND window = argc > 2 ? find_window(argv[2]) : nullptr;
     if (!window)

@@ -3,6 +3,7 @@
 
 import os
 import signal
+import socket
 import struct
 import subprocess
 import time
@@ -179,6 +180,50 @@ class SessionTest(harness.E2ETest):
         self.assertEqual(first.program.wait(), 0)
         second.wait_connected()
         self.wait_same_picture(host, second)
+
+
+class MemoryTest(harness.E2ETest):
+    """What a session at 1920x1080 adds to what both programs have before it."""
+
+    PICTURE = 1920 * 1088 * 4  # whole tiles
+    RECORD = PICTURE           # no frame is larger than all of its pixels, heads aside
+    # Two pictures, what is known of the viewer's cache, a frame's messages (twice what was
+    # needed when they last grew), and the sealed record.
+    HOST = 2 * PICTURE + 0x80000 * 8 + 2 * RECORD + 65536 + RECORD
+    # A picture, the cache, a record, and what the window is drawn in.
+    VIEWER_WINDOW = (2200, 1300)
+    VIEWER = PICTURE + 8192 * (16384 + 8) + RECORD + 2200 * 1300 * 4
+    BESIDE = 16 << 20
+
+    def peaks(self, machine, program):
+        """The most that a program had in memory, and that it had committed, in bytes."""
+        return [1024 * int(number) for number in machine.ask("peaks", program).split()]
+
+    def check(self, program, before, after, buffers):
+        for kind, low, high in zip(("in memory", "committed"), before, after):
+            print(f"{program}: {(high - low) / 2**20:.1f} MiB {kind}, of "
+                  f"{(buffers + self.BESIDE) / 2**20:.1f}")
+            self.assertGreater(high - low, self.PICTURE, "what is measured is not the session")
+            self.assertLessEqual(high - low, buffers + self.BESIDE)
+
+    def test_peaks_stay_within_the_buffers_and_16_mib(self):
+        host = harness.Host(self.machine("host", 1920, 1080))
+        machine = self.machine("viewer", *self.VIEWER_WINDOW)
+        host_before = self.peaks(host.machine, "qv_host.exe")
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            viewer = harness.Viewer(machine, "127.0.0.1", silent.getsockname()[1], "-p", "x")
+            with silent.accept()[0]:
+                viewer_before = self.peaks(machine, "qv_client.exe")
+                viewer.program.kill()
+
+        viewer = harness.Viewer(machine, "127.0.0.1", "-p", host.password)
+        viewer.wait_connected()
+        self.probe_window(host.machine, "probe", 10, 10, 1880, 1000)
+        self.wait_same_picture(host, viewer)
+        self.check("qv_host.exe", host_before, self.peaks(host.machine, "qv_host.exe"),
+                   self.HOST)
+        self.check("qv_client.exe", viewer_before, self.peaks(machine, "qv_client.exe"),
+                   self.VIEWER)
 
 
 class RelayTest(harness.E2ETest):
