@@ -35,6 +35,7 @@ static constexpr uint64_t STEP_OUT_RATE = 30000000;
 
 static constexpr uint64_t RATE_BYTES_MIN = 16 * 1024; // fewer say nothing about the line
 static constexpr uint64_t RATE_SPAN_US = 1500000;
+static constexpr uint64_t DRY_QUEUE_US = 40000; // what seems shorter may have run dry
 static constexpr uint64_t BASE_SPAN_US = 60000000;
 static constexpr uint64_t LONG_QUEUE_US = 120000; // from here only the latest rates count
 static constexpr uint64_t SLOWER_US = 40000;
@@ -97,6 +98,7 @@ void line_sent(line_pacing *line, uint32_t seq, uint64_t bytes, uint64_t now_us)
         // Else a second without anything to send would look like a slow line.
         .start_us = idle || line->last_ack_us == 0 ? now_us : line->last_ack_us,
         .acked_before = line->acked_bytes,
+        .bytes = bytes,
         .end = line->sent_bytes,
     };
 }
@@ -133,6 +135,19 @@ static void check_base(line_pacing *line, uint64_t rtt_us)
     line->trip_us = LINE_NO_LIMIT;
     line->rtt_min_us[0] = line->slower_min_us;
     line->rtt_min_us[1] = LINE_NO_LIMIT;
+}
+
+// What a frame says that the line carries. Where little waited but the frame behind itself,
+// that is at least its rate, since the limit may have kept the line from carrying more; then
+// the estimate stands. If it followed, a limit that is too low would lower the estimate, and
+// that the limit: for frames that are long on this line, say, or a viewer slow to answer.
+static uint64_t carried_rate(const line_pacing *line, uint64_t rate, uint64_t frame_bytes,
+                             uint64_t queue_us)
+{
+    if (rate >= line->estimate)
+        return rate;
+    uint64_t own_us = frame_bytes * 1000000 / line->estimate;
+    return since(queue_us, own_us) < DRY_QUEUE_US ? line->estimate : rate;
 }
 
 static void take_rate(line_pacing *line, uint64_t rate)
@@ -173,7 +188,7 @@ void line_acked(line_pacing *line, uint32_t seq, uint64_t now_us)
 
     next_spans(line->rate_max, 0, &line->rate_span_start_us, RATE_SPAN_US, now_us);
     if (frame->evidence && delivered >= RATE_BYTES_MIN)
-        take_rate(line, rate);
+        take_rate(line, carried_rate(line, rate, frame->bytes, queue_us));
     estimate_rate(line, queue_us);
 
     // What was sent before the first acknowledgement says nothing: the viewer may have been

@@ -25,6 +25,7 @@ struct line_frame {
     uint64_t sent_us;      // before the flush
     uint64_t start_us;     // from when on the line was busy with what was under way then
     uint64_t acked_before; // bytes acknowledged when it was sent
+    uint64_t bytes;        // of this frame
     uint64_t end;          // bytes sent, this frame included
 };
 

@@ -492,10 +492,28 @@ TEST_CASE("the largest rate counts for 1.5 to 3 s, and then the last one known")
 {
     check_rounds(believed_rate, {{100, 1 * SECOND, 40 * MS, 0},
                                  {100000, 2 * SECOND, 50 * MS, 2000000},
-                                 {50000, 3400 * MS, 50 * MS, 2000000}, // 1 MB/s
-                                 {50000, 4 * SECOND, 50 * MS, 2000000},
-                                 {50000, 5600 * MS, 50 * MS, 1000000},
-                                 {100, 60 * SECOND, 50 * MS, 1000000}});
+                                 {120000, 3400 * MS, 150 * MS, 2000000}, // 800,000
+                                 {120000, 4 * SECOND, 150 * MS, 2000000},
+                                 {120000, 5600 * MS, 150 * MS, 800000},
+                                 {100, 60 * SECOND, 50 * MS, 800000}});
+}
+
+// Or the limit itself would keep a line from ever being filled that it does not fill.
+TEST_CASE("a low rate counts when something waited, and else the estimate stands")
+{
+    // The frame is 25 ms long at the estimate, so it takes 65 ms on an empty line.
+    for (auto [rtt_us, due] : {std::pair<uint64_t, uint64_t>{65 * MS, 2000000},
+                               {105 * MS - 1, 2000000},
+                               {105 * MS, 476190}}) // 50,000 in 105 ms
+        check_rounds(believed_rate, {{100, 1 * SECOND, 40 * MS, 0},
+                                     {100000, 2 * SECOND, 50 * MS, 2000000},
+                                     {50000, 5600 * MS, rtt_us, due}});
+    // It stands for 1.5 to 3 s more beside what counts.
+    check_rounds(believed_rate, {{100, 1 * SECOND, 40 * MS, 0},
+                                 {100000, 2 * SECOND, 50 * MS, 2000000},
+                                 {50000, 5600 * MS, 65 * MS, 2000000},
+                                 {50000, 6 * SECOND, 105 * MS, 2000000},
+                                 {50000, 9 * SECOND, 105 * MS, 476190}});
 }
 
 TEST_CASE("what is 120 ms late counts by the latest rates alone")
