@@ -194,7 +194,9 @@ HANDLE find_process(const char *name, PROCESS_MEMORY_COUNTERS_EX *memory)
     return process;
 }
 
-// Private bytes are a bound only: Wine counts what its own side of the process has too.
+// Committed bytes are a bound only: Wine counts what its own side of the process has too. On
+// Windows PrivateUsage is the same; Wine leaves that 0 for another process, and its handles,
+// too.
 int print_holds(const char *name)
 {
     DWORD handles = 0;
@@ -202,7 +204,7 @@ int print_holds(const char *name)
     HANDLE process = find_process(name, &memory);
     if (!process || !GetProcessHandleCount(process, &handles))
         return 1;
-    printf("%lu %lu\n", handles, (unsigned long)(memory.PrivateUsage / 1024));
+    printf("%lu %lu\n", handles, (unsigned long)(memory.PagefileUsage / 1024));
     return 0;
 }
 
