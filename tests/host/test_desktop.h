@@ -113,6 +113,14 @@ inline void move_block(copy_rect m)
     desktop.dirty.push_back({m.dst_x, m.dst_y, m.dst_x + m.w, m.dst_y + m.h});
 }
 
+// The same without a word; the capture copies the whole screen.
+inline void move_unreported(copy_rect m)
+{
+    move_block(m);
+    desktop.moves.clear();
+    desktop.dirty.assign(1, whole());
+}
+
 inline rect desktop_random_rect(test_random *random)
 {
     int32_t x = (int32_t)random->below((uint64_t)desktop.width);

@@ -9,14 +9,17 @@
 #include "protocol/tile.h"
 #include "tests/test.h"
 
+#include <iterator>
 #include <map>
 #include <string.h>
+#include <utility>
 #include <vector>
 
 // One LZ4 block, byte by byte; empty when it is malformed.
 inline std::vector<uint8_t> model_lz4_decode(const uint8_t *src, size_t length)
 {
     std::vector<uint8_t> out;
+    out.reserve(16384);
     size_t at = 0;
     auto more = [&](size_t base) {
         size_t n = base;
@@ -43,8 +46,11 @@ inline std::vector<uint8_t> model_lz4_decode(const uint8_t *src, size_t length)
         size_t match = more(token & 15) + 4;
         if (offset == 0 || offset > out.size())
             return {};
-        for (size_t i = 0; i < match; i++)
-            out.push_back(out[out.size() - offset]);
+        size_t to = out.size();
+        out.resize(to + match);
+        uint8_t *bytes = out.data();
+        for (size_t end = to + match; to < end; to++)
+            bytes[to] = bytes[to - offset];
     }
     return {};
 }
@@ -77,8 +83,11 @@ struct viewer_model {
     size_t pitch = 0;
     std::vector<uint8_t> pixels; // padded to whole tiles
     std::map<uint64_t, std::vector<uint8_t>> cache;
-    size_t cache_limit = SIZE_MAX; // tiles; a full cache forgets one that it chooses
-    std::vector<tile_ref> misses;  // of the last record
+    size_t cache_limit = SIZE_MAX;  // tiles; a full cache forgets one that it chooses,
+    test_random *chooses = nullptr; // at random
+    bool by_rules = false;          // sets of two, of which the one used last stays
+    std::map<uint64_t, std::vector<uint64_t>> sets; // by the rules; the one used last is last
+    std::vector<tile_ref> misses;                   // of the last record
     frame_stamp last_end = {};
     int64_t hits = 0;
 
@@ -93,12 +102,33 @@ struct viewer_model {
 
     void remember(uint64_t hash, const std::vector<uint8_t> &tile)
     {
-        if (hash == 0)
+        if (hash == 0 || cache_limit == 0)
             return;
         REQUIRE(hash == tile_hash(tile.data())); // the new pixels', not the difference's
-        if (cache.size() >= cache_limit)
-            cache.erase(cache.begin());
+        if (by_rules && !use(hash)) {
+            std::vector<uint64_t> &set = sets[hash % 4096];
+            if (set.size() == 2) {
+                cache.erase(set[0]);
+                set.erase(set.begin());
+            }
+            set.push_back(hash);
+        } else if (!by_rules && cache.size() >= cache_limit) {
+            auto goes = cache.begin();
+            std::advance(goes, chooses ? (ptrdiff_t)chooses->below(cache.size()) : 0);
+            cache.erase(goes);
+        }
         cache[hash] = tile;
+    }
+
+    // By the rules: the hash is the one used last of its set, if it is there.
+    bool use(uint64_t hash)
+    {
+        std::vector<uint64_t> &set = sets[hash % 4096];
+        if (set.empty() || (set[0] != hash && set.back() != hash))
+            return false;
+        if (set.size() == 2 && set[0] == hash)
+            std::swap(set[0], set[1]);
+        return true;
     }
 
     // The tile at (tx, ty) of the picture, read or replaced.
@@ -185,6 +215,7 @@ struct viewer_model {
                 misses.push_back(ref);
             } else {
                 place(ref.tile_x, ref.tile_y, found->second);
+                use(ref.hash);
                 hits++;
             }
             break;
