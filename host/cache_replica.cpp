@@ -222,11 +222,14 @@ void cache_replica_missed(uint64_t hash, uint32_t confirmed_seq)
         replica.misses_held++;
 }
 
+bool cache_replica_in_use()
+{
+    return replica.advert_over && !replica.given_up && replica.misses_held < REPLICA_MISSES_MAX;
+}
+
 bool cache_replica_may_refer(uint64_t hash)
 {
-    if (replica.misses == 0)
-        return true;
-    return replica.misses_held < REPLICA_MISSES_MAX && cache_replica_holds(hash);
+    return replica.misses == 0 || (cache_replica_in_use() && cache_replica_holds(hash));
 }
 
 bool cache_replica_proven(uint32_t confirmed_seq)

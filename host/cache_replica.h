@@ -58,6 +58,9 @@ void cache_replica_missed(uint64_t hash, uint32_t confirmed_seq) REQUIRES(host_l
 // of hashes that it held when they were referred to.
 bool cache_replica_may_refer(uint64_t hash) REQUIRES(host_lock);
 
+// Whether it is of any use still that the viewer keeps a tile.
+bool cache_replica_in_use() REQUIRES(host_lock);
+
 // Whether the viewer has proved that its cache is what the replica thinks: a reference of this
 // session was acknowledged without a miss, and nothing that the replica held was missed.
 bool cache_replica_proven(uint32_t confirmed_seq) REQUIRES(host_lock);

@@ -13,6 +13,7 @@
 //   walk_tiles()        each dirty tile that differs from prev_frame: a reference, a
 //                       compressed difference or its pixels
 //   walk_line()         the same in an order of its own, where frames are limited in bytes
+//   teach_tiles()       on such a line when it rests: hashes of tiles that came by moves
 //   -----------------
 //   the log line, the pointer, the frame's end, channel_flush()
 //
@@ -43,6 +44,7 @@
 #include "host/tile_cells.h"
 #include "host/tile_hash.h"
 #include "host/tile_ops.h"
+#include "host/tile_worth.h"
 #include "host/window_list.h"
 #include "identity/server_log.h"
 #include "protocol/clock.h"
@@ -64,12 +66,16 @@ bool keeps_replica = true;
 static struct {
     uint32_t last_iteration_tick; // end of the last full iteration
     uint32_t walk_ms;             // time of the walk
+    uint32_t turn;                // of the tiles that change (tile_worth.h)
+    int64_t turn_tiles;           // tiles of the grid that had theirs
+    bool unnamed;                 // there may be tiles that the viewer has without a hash
     bool awaits_advert;           // nothing was walked yet, and the viewer keeps a cache
     int32_t walk_tx, walk_ty;     // tile of the hello's grid at which the next walk begins
     uint64_t tiles_sent_total;    // of this session, references included
     uint64_t cache_refs_total;
     cursor_state cursor_sent; // kept across sessions
     bool line_started;        // of this session
+    bool line_was_in;         // its frames were limited in bytes at some time
     line_pacing line;
     int32_t small_place; // of the hello's grid, at which the next small tiles begin
 } pipeline;
@@ -114,6 +120,18 @@ static tile_span tiles_of(int32_t x, int32_t y, int32_t w, int32_t h)
 static tile_base *base_at(int32_t tx, int32_t ty) REQUIRES(host_lock)
 {
     return &screen.bases[(int64_t)ty * screen.tiles_x + tx];
+}
+
+static tile_worth *worth_at(int32_t tx, int32_t ty) REQUIRES(host_lock)
+{
+    return &screen.worths[(int64_t)ty * screen.tiles_x + tx];
+}
+
+// The viewer has got a tile's content without its hash: if it stays, it will be told.
+static void note_unnamed(int32_t tx, int32_t ty) REQUIRES(host_lock)
+{
+    tile_worth_unnamed(worth_at(tx, ty), pipeline.walk_ms);
+    pipeline.unnamed = true;
 }
 
 static bool move_source_certain(const copy_rect &move, uint32_t confirmed_seq)
@@ -235,8 +253,10 @@ static void find_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
         record_move(found[i], message, &length);
         tile_span span = tiles_of(found[i].dst_x, found[i].dst_y, found[i].w, found[i].h);
         for (int32_t ty = span.top; ty <= span.bottom; ty++)
-            for (int32_t tx = span.left; tx <= span.right; tx++)
+            for (int32_t tx = span.left; tx <= span.right; tx++) {
                 *dirty_at(tx, ty) = 1;
+                note_unnamed(tx, ty);
+            }
     }
     put_header(message, MSG_COPY_RECTS, length);
     out_commit(MESSAGE_HEADER_BYTES + length);
@@ -328,6 +348,14 @@ static bool may_refer(uint64_t hash) REQUIRES(host_lock)
            (!keeps_replica || cache_replica_may_refer(hash));
 }
 
+// Whether a tile that changes all the time would drive out of the viewer's cache what may be
+// wanted again. It then goes without its hash, and is not kept.
+static bool not_worth_a_slot(const tile_worth &worth, uint64_t hash) REQUIRES(host_lock)
+{
+    return keeps_replica && tile_worth_restless(worth) &&
+           cache_replica_crowded(hash, pipeline.walk_ms);
+}
+
 // Sends a changed tile.
 static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_seq,
                       frame_tiles *sent) REQUIRES(host_lock)
@@ -338,6 +366,7 @@ static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_
     const uint8_t *now = screen.frame_buffer + offset;
     uint8_t *before = screen.prev_frame + offset;
     tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 0, .hash = hash};
+    tile_worth_changed(worth_at(tx, ty), pipeline.turn);
     if (may_refer(head.hash)) {
         uint8_t ref[TILE_REF_BYTES];
         put_tile_ref(ref, {head.tile_x, head.tile_y, head.hash});
@@ -347,10 +376,13 @@ static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_
         cache_replica_reference(head.hash, frame_seq + 1, pipeline.walk_ms);
         sent->refs++;
     } else {
+        bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
+        if (cached && not_worth_a_slot(*worth_at(tx, ty), hash))
+            head.hash = 0;
         bool uncertain = tile_base_uncertain(*base, confirmed_seq);
         append_tile(head, now, uncertain ? nullptr : before, pitch);
         tile_base_sent(base);
-        if ((peer_caps & CAP_TILE_CACHE) != 0) { // the viewer stores every tile it receives
+        if (cached) { // the viewer stores every tile that has a hash
             cache_mirror_insert(head.hash);
             cache_replica_tile(head.hash, pipeline.walk_ms);
         }
@@ -401,6 +433,17 @@ static void send_outside_tile(int32_t tx, int32_t ty, int32_t columns, frame_til
     sent->handled++;
 }
 
+// A walk that sent something went through so many of the grid's tiles. A turn of the tiles is
+// over when it left none of them over, or when those that did add up to the grid.
+static void count_turn(int64_t passed, int64_t tiles)
+{
+    pipeline.turn_tiles += passed;
+    if (pipeline.turn_tiles < tiles)
+        return;
+    pipeline.turn++;
+    pipeline.turn_tiles = passed < tiles ? pipeline.turn_tiles - tiles : 0;
+}
+
 // Walks the grid that the viewer was told, from where the last walk ran out of budget, and
 // sends what is dirty. Tiles of a larger screen beyond that grid are not walked: no viewer
 // would draw them.
@@ -419,7 +462,8 @@ static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(h
     int32_t ty = pipeline.walk_ty;
     pipeline.walk_tx = 0;
     pipeline.walk_ty = 0;
-    for (int64_t left = (int64_t)columns * rows; left > 0; left--) {
+    int64_t left = (int64_t)columns * rows;
+    for (; left > 0; left--) {
         if (tile_is_due(tx, ty, columns)) {
             // How much room those that wait leave shows when they are out.
             if (!frame_has_room(sent.waiting) || !tile_on_screen(tx, ty))
@@ -441,6 +485,8 @@ static frame_tiles walk_tiles(int32_t budget, uint32_t confirmed_seq) REQUIRES(h
         }
     }
     send_waiting(confirmed_seq, &sent);
+    if (sent.handled > 0)
+        count_turn((int64_t)columns * rows - left, (int64_t)columns * rows);
     return sent;
 }
 
@@ -606,6 +652,9 @@ static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRE
             send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
     if (count > 0)
         send_small_tiles(count, columns, rows, room, confirmed_seq, &sent);
+    int64_t tiles = (int64_t)columns * rows;
+    int64_t first = (int64_t)pipeline.walk_ty * columns + pipeline.walk_tx;
+    int64_t passed = tiles;
     pipeline.walk_tx = 0;
     pipeline.walk_ty = 0;
     // The first of these goes however full the frame is, or those above could starve it.
@@ -616,12 +665,74 @@ static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRE
         if (any ? line_frame_full(room) : !frame_has_room(0)) {
             pipeline.walk_tx = line_tiles[i].tx;
             pipeline.walk_ty = line_tiles[i].ty;
+            passed = (int64_t)pipeline.walk_ty * columns + pipeline.walk_tx - first;
+            if (passed < 0)
+                passed += tiles;
             break;
         }
         send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
         any = true;
     }
+    if (sent.handled > 0)
+        count_turn(passed, tiles);
     return sent;
+}
+
+// ---------------------------------------------------------------------------------------
+// Teaching
+//
+// What a move has brought is in the viewer's picture and not in its cache. On a line where
+// that matters, when it has nothing else to carry, the viewer is sent a difference of nothing
+// under the hash of what it shows, and keeps that.
+
+constexpr uint64_t TEACH_BYTES = LINE_FRAME_MIN; // some 75 tiles; of one frame
+
+// Whether the viewer's cache is worth to be taught, and the line has nothing under way.
+static bool may_teach(uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    return pipeline.unnamed && pipeline.line_was_in && keeps_replica &&
+           (peer_caps & CAP_TILE_CACHE) != 0 && cache_replica_in_use() &&
+           frame_seq == confirmed_seq;
+}
+
+// Teaches the viewer one tile, unless it has it.
+static void teach_tile(int32_t tx, int32_t ty, frame_tiles *sent) REQUIRES(host_lock)
+{
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    const uint8_t *shown = screen.prev_frame + tile_offset(screen.padded_width, tx, ty);
+    uint64_t hash = 0;
+    tile_hash_batch(&shown, 1, pitch, &hash);
+    if (cache_replica_holds(hash))
+        return;
+    append_tile({.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 0, .hash = hash}, shown,
+                shown, pitch);
+    cache_mirror_insert(hash);
+    cache_replica_tile(hash, pipeline.walk_ms);
+    sent->handled++;
+}
+
+// For a frame that has nothing else.
+static void teach_tiles(uint32_t confirmed_seq, frame_tiles *sent) REQUIRES(host_lock)
+{
+    if (!may_teach(confirmed_seq))
+        return;
+    pipeline.unnamed = false;
+    size_t start = out_used();
+    for (int32_t ty = 0; ty < screen.tiles_y && ty < tiles_for(screen.hello_height); ty++)
+        for (int32_t tx = 0; tx < screen.tiles_x && tx < tiles_for(screen.hello_width); tx++) {
+            tile_worth *worth = worth_at(tx, ty);
+            if (worth->unnamed == 0)
+                continue;
+            if (*dirty_at(tx, ty) != 0 || out_used() - start >= TEACH_BYTES ||
+                !tile_worth_settled(*worth, pipeline.walk_ms)) {
+                pipeline.unnamed = true;
+                continue;
+            }
+            worth->unnamed = 0;
+            // One that is in doubt will be sent, and has its hash then.
+            if (!tile_base_uncertain(*base_at(tx, ty), confirmed_seq))
+                teach_tile(tx, ty, sent);
+        }
 }
 
 // ---------------------------------------------------------------------------------------
@@ -679,6 +790,7 @@ static void follow_line(host_session *session)
     session_ack ack;
     while (session_take_ack(session, &ack))
         line_acked(&pipeline.line, ack.seq, ack.at_us);
+    pipeline.line_was_in = pipeline.line_was_in || line_in();
 }
 
 // How long the in-flight cap keeps the next frame back, if no acknowledgement comes.
@@ -752,6 +864,9 @@ bool frame_pipeline_step(host_session *session)
     window_list_step();
     frame_tiles sent =
         line_in() ? walk_line(frame_start, confirmed_seq) : walk_tiles(budget, confirmed_seq);
+    bool picture = out_used() != frame_start;
+    if (!picture)
+        teach_tiles(confirmed_seq, &sent);
     lock_leave(&host_lock);
     pipeline.tiles_sent_total += (uint64_t)sent.handled;
     pipeline.cache_refs_total += (uint64_t)sent.refs;
@@ -763,7 +878,6 @@ bool frame_pipeline_step(host_session *session)
         server_log("frame %u: %d tiles (%d as refs), %u bytes", last + 1, sent.handled,
                    sent.refs, (uint32_t)(out_used() - frame_start));
 
-    bool picture = out_used() != frame_start;
     append_cursor();
     if (out_used() != frame_start || !out_intact()) {
         capture_pace_frame(picture);
@@ -790,6 +904,10 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.cache_refs_total = 0;
     pipeline.awaits_advert = (caps & CAP_TILE_CACHE) != 0;
     pipeline.line_started = false;
+    pipeline.line_was_in = false;
+    pipeline.turn = 0;
+    pipeline.turn_tiles = 0;
+    pipeline.unnamed = false;
     pipeline.small_place = 0;
     capture_pace_start();
     out_reset();

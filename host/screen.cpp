@@ -2,16 +2,17 @@
 //
 // Three layers of one size: frame_buffer (what capture saw last), prev_frame (what the
 // viewer shows, as far as the host knows) and, a record a tile, how sure the host is of
-// prev_frame (tile_base.h). The frame pipeline walks the dirty tiles and sends where the
-// first two differ, so all that this module must get right is: a tile that may have changed
-// is dirty, and prev_frame is never believed where the viewer may show something else.
+// prev_frame (tile_base.h). What a tile has been through (tile_worth.h) is noted beside. The
+// frame pipeline walks the dirty tiles and sends where the first two differ, so all that this
+// module must get right is: a tile that may have changed is dirty, and prev_frame is never
+// believed where the viewer may show something else.
 //
 // A session can outlive a screen size. The viewer is told a size once, in the hello, and
 // keeps it; the picture that it gets afterwards is the new one, cut to the hello's grid.
 // What it shows beyond the new screen is cleared once, by way of outside_map.
 //
-// Invariants: either everything is there (sizes positive, all four buffers) or nothing is
-// (sizes zero, all four null). No buffer is ever written beyond the screen's own pixels, so
+// Invariants: either everything is there (sizes positive, all five buffers) or nothing is
+// (sizes zero, all five null). No buffer is ever written beyond the screen's own pixels, so
 // the padding keeps the zeros of its allocation.
 //
 // Called by the server thread only. What the control thread reads besides is replaced under
@@ -46,11 +47,13 @@ static void release_buffers() REQUIRES(host_lock)
     free(screen.prev_frame);
     delete[] screen.dirty_map;
     free(screen.bases);
+    free(screen.worths);
     free(screen.outside_map);
     screen.frame_buffer = nullptr;
     screen.prev_frame = nullptr;
     screen.dirty_map = nullptr;
     screen.bases = nullptr;
+    screen.worths = nullptr;
     screen.outside_map = nullptr;
 }
 
@@ -76,6 +79,9 @@ static bool allocate_buffers() REQUIRES(host_lock)
         return false;
     screen.bases = (tile_base *)calloc(tiles, sizeof(tile_base));
     if (!screen.bases)
+        return false;
+    screen.worths = (tile_worth *)calloc(tiles, sizeof(tile_worth));
+    if (!screen.worths)
         return false;
     screen.dirty_map = new (std::nothrow) std::atomic<uint8_t>[tiles]();
     return screen.dirty_map != nullptr;
@@ -153,8 +159,10 @@ void frame_reset()
             screen.bases[i].must_send = 1;
         return;
     }
-    if (tiles > 0)
+    if (tiles > 0) {
         memset(screen.prev_frame, 0, screen_bytes());
+        memset(screen.worths, 0, (size_t)tiles * sizeof(tile_worth));
+    }
     for (int64_t i = 0; i < tiles; i++)
         tile_base_start(&screen.bases[i]);
 }

@@ -14,6 +14,7 @@
 
 #include "host/host_lock.h"
 #include "host/tile_base.h"
+#include "host/tile_worth.h"
 #include "protocol/messages.h"
 #include "protocol/tile.h"
 
@@ -40,6 +41,7 @@ struct screen_record {
     // tiles_x * tiles_y of each, row-major.
     std::atomic<uint8_t> *dirty_map; // 1: the tile is to be examined; written under host_lock
     tile_base *bases GUARDED_BY(host_lock);
+    tile_worth *worths GUARDED_BY(host_lock);
 
     bool frame_buffer_lent;    // by the capture back end, which frees it
     bool full_capture_pending; // the next duplication frame must be copied whole

@@ -697,3 +697,153 @@ TEST_CASE("a peer that answers at once sees the same frames with and without")
     }
     CHECK(seen[0] == seen[1]);
 }
+
+// ---------------------------------------------------------------------------------------
+// Teaching the viewer's cache what came by a move
+
+// A screen of 15 x 10 tiles of noise is there and has been acknowledged.
+static void start_with_noise(uint64_t rate, uint64_t trip_us, uint16_t caps = CAP_TILE_CACHE,
+                             bool paced = true)
+{
+    start(960, 640, rate, trip_us, caps);
+    paces_bytes = paced;
+    draw_noise(whole());
+    run_for(6 * SECOND);
+    REQUIRE(picture_right());
+    note_frames();
+}
+
+// Scrolls, so that 135 tiles are moved and the last 15 are sent.
+static void scroll()
+{
+    move_unreported({0, 5, 0, 0, 960, 635});
+    draw_noise({0, 635, 960, 640});
+}
+
+// How often tiles of the rows that are moved whole were sent.
+static size_t moved_tiles_sent()
+{
+    size_t n = 0;
+    for (const auto &frame : frames_got)
+        for (const got_tile &tile : frame)
+            n += tile.ty < 9;
+    return n;
+}
+
+static size_t tiles_cached()
+{
+    size_t n = 0;
+    for (int ty = 0; ty < 10; ty++)
+        for (int tx = 0; tx < 15; tx++)
+            n += viewer.cache.count(tile_hash(viewer.tile(tx, ty).data()));
+    return n;
+}
+
+TEST_CASE("the viewer is taught what was moved once it has settled and the line rests")
+{
+    start_with_noise(625000, 100 * MS);
+    uint64_t scrolled = now_us;
+    scroll();
+    run_until(scrolled + 300 * MS);
+    CHECK(picture_right());
+    CHECK(moved_tiles_sent() == 0);
+    CHECK(tiles_cached() == 15);
+    size_t frames = frames_got.size();
+    run_until(scrolled + 2 * SECOND);
+    CHECK(moved_tiles_sent() == 135); // once each
+    CHECK(tiles_cached() == 150);
+    CHECK(picture_right());
+    REQUIRE(frames_got.size() == frames + 2); // the second when the first had arrived
+    // A difference of nothing: a token, the zero, an offset, 16384 / 255 bytes of length, the
+    // last literals; heads of 8 and 13 bytes; frame ends of 16.
+    CHECK(sizes_got[frames] >= 8 * 1024);
+    CHECK(sizes_got[frames] <= 8 * 1024 + 200);
+    CHECK(sizes_got[frames] + sizes_got[frames + 1] <= 135 * (8 + 13 + 96) + 2 * 16);
+    run_for(SECOND);
+    CHECK(frames_got.size() == frames + 2); // and that is that
+
+    // What it is good for: the same screen comes back.
+    std::vector<uint8_t> pixels = desktop.pixels;
+    fill(whole(), RED);
+    run_for(SECOND);
+    frames_got.clear();
+    desktop.pixels = pixels;
+    desktop.dirty.assign(1, whole());
+    run_for(SECOND);
+    CHECK(picture_right());
+    size_t references = 0;
+    for (const auto &frame : frames_got)
+        for (const got_tile &tile : frame)
+            references += tile.reference;
+    CHECK(references == 150);
+}
+
+TEST_CASE("a viewer is not taught in vain")
+{
+    struct {
+        const char *what;
+        uint64_t rate, trip_us;
+        bool paced, keeps;
+        uint16_t caps;
+        bool taught;
+    } rows[] = {
+        {"a slow line", 625000, 100 * MS, true, true, CAP_TILE_CACHE, true},
+        {"a fast line", 100000000, 0, true, true, CAP_TILE_CACHE, false},
+        {"no limit in bytes", 625000, 100 * MS, false, true, CAP_TILE_CACHE, false},
+        {"no replica", 625000, 100 * MS, true, false, CAP_TILE_CACHE, false},
+        {"a viewer without a cache", 625000, 100 * MS, true, true, 0, false},
+    };
+    for (const auto &row : rows) {
+        CAPTURE(row.what);
+        keeps_replica = row.keeps;
+        start_with_noise(row.rate, row.trip_us, row.caps, row.paced);
+        scroll();
+        run_for(2 * SECOND);
+        CHECK(picture_right());
+        CHECK(moved_tiles_sent() == (row.taught ? 135 : 0));
+    }
+    keeps_replica = true;
+}
+
+TEST_CASE("what goes on moving is not taught")
+{
+    start_with_noise(625000, 100 * MS);
+    for (int i = 0; i < 10; i++) {
+        scroll();
+        run_for(250 * MS);
+    }
+    CHECK(moved_tiles_sent() == 0);
+    run_for(2 * SECOND);
+    CHECK(moved_tiles_sent() == 135);
+    CHECK(picture_right());
+}
+
+TEST_CASE("nothing is taught while the line carries something else")
+{
+    start_with_noise(625000, 100 * MS);
+    scroll();
+    play_video({0, 576, 64, 640}, now_us + 3 * SECOND); // in a tile of the last row
+    run_for(2900 * MS);
+    CHECK(moved_tiles_sent() == 0);
+    run_for(2 * SECOND);
+    CHECK(moved_tiles_sent() == 135);
+    CHECK(picture_right());
+}
+
+TEST_CASE("a viewer that keeps its cache by other rules is not taught")
+{
+    start_with_noise(625000, 100 * MS);
+    for (int32_t tx = 0; tx < 4; tx++) {
+        std::vector<uint8_t> known = viewer.tile(14, 0);
+        viewer.cache.clear();
+        for (int32_t y = 0; y < 64; y++)
+            memcpy(desktop_at(tx * 64, y), &known[(size_t)y * 256], 256);
+        desktop.dirty.push_back(tile_rect(tx, 0));
+        run_for(SECOND); // a reference, a miss
+    }
+    frames_got.clear();
+    scroll();
+    run_for(2 * SECOND);
+    CHECK(moved_tiles_sent() == 0);
+    CHECK(picture_right());
+}

@@ -191,7 +191,7 @@ static bool at_toucher()
 
 static bool is_thread_record(const allocation &a)
 {
-    return a.kind == ALLOCATED_CALLOC && a.count == 1 && a.size > sizeof(host::tile_base) &&
+    return a.kind == ALLOCATED_CALLOC && a.count == 1 && a.size > sizeof(host::tile_worth) &&
            a.size < 1024;
 }
 
@@ -216,6 +216,12 @@ static const allocation_row rows[] = {
     {"host: base states",
      [](const allocation &a) {
          return a.kind == ALLOCATED_CALLOC && a.size == sizeof(host::tile_base) &&
+                a.count <= 40;
+     },
+     COMPLETE},
+    {"host: the tiles' past",
+     [](const allocation &a) {
+         return a.kind == ALLOCATED_CALLOC && a.size == sizeof(host::tile_worth) &&
                 a.count <= 40;
      },
      COMPLETE},
