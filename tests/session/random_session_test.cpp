@@ -15,8 +15,10 @@
 // a console that is shown as text, of which the viewer has every cell. No tile waits for ever
 // behind others that change all the time. The first walk waits for the viewer's advertisement,
 // but not too long. A cache that comes back from its file is the one that went into it, or
-// empty, whatever became of disk, file and process meanwhile. And a session ends when its
-// connection does, not before.
+// empty, whatever became of disk, file and process meanwhile. Of a viewer that says what it
+// holds and nothing else, the host's replica has the very keys, and what such a viewer is
+// referred to after its first miss it has. And a session ends when its connection does, not
+// before.
 //
 // The sessions of `make test` are always the same ones, so what they did can be asserted. In
 // the environment:
@@ -24,6 +26,7 @@
 //   QV_SEEDS=n      plays the first n
 //   QV_SECONDS=n    plays new ones for so long
 //   QV_PART=i/n     plays one of n parts of them
+#include "host/cache_replica.h"
 #include "host/capture.h"
 #include "host/control_thread.h"
 #include "host/cursor.h"
@@ -55,6 +58,7 @@
 #include <deque>
 #include <map>
 #include <monocypher.h>
+#include <set>
 #include <string.h>
 #include <string>
 #include <vector>
@@ -118,6 +122,12 @@ static struct {
     bool wants_cache;                    // and says so
     bool wants_text;                     // likewise of consoles
     bool advertises;                     // what it holds, and some that it does not
+    bool honest;                         // what it advertised is what it holds
+    std::set<uint64_t> hashes;           // of all tiles sent and referred to
+    bool miss_taken;                     // the host knows of a miss,
+    uint32_t miss_limit;                 // and of this frame the walk may have been over
+    bool acked_any;                      // the viewer has acknowledged a frame,
+    uint32_t acked;                      // this one last
     bool filed;                          // its cache is kept in a file,
     stepped_thread *saver;               // saves it while the session goes on
     uint32_t saves_before;               // of the session
@@ -192,8 +202,9 @@ static int32_t look_at_messages()
         if (header.type == MSG_TILE) {
             tile_head head = get_tile_head(payload);
             tile = grid_tile(head.tile_x, head.tile_y);
+            run.hashes.insert(head.hash);
             if (head.hash == 0)
-                happened["tile outside, cleared"]++;
+                happened[tile < 0 ? "tile outside, cleared" : "tile not worth a slot"]++;
             else if (!head.raw)
                 happened["tile compressed"]++;
             else if (memcmp(payload + TILE_HEAD_BYTES, payload + TILE_HEAD_BYTES + 4, 1000) ==
@@ -205,6 +216,7 @@ static int32_t look_at_messages()
         } else if (header.type == MSG_TILE_REF) {
             tile_ref ref = get_tile_ref(payload);
             tile = grid_tile(ref.tile_x, ref.tile_y);
+            run.hashes.insert(ref.hash);
             happened["tile by reference"]++;
             tiles++;
         } else if (header.type == MSG_COPY_RECTS) {
@@ -315,6 +327,9 @@ static void note_unlocking(const lock *l)
         run.adverts_taken += place == -2;
         if (place < 0 || run.session->generation != host::session_generation)
             return;
+        if (!run.miss_taken)
+            run.miss_limit = host::frame_seq + 1;
+        run.miss_taken = true;
         fit_grid();
         int64_t tile = grid_tile((int32_t)(place & 0xFFFF), (int32_t)(place >> 16));
         if (tile >= 0) {
@@ -387,8 +402,14 @@ static bool look_at_answer(const uint8_t *record, size_t n)
         return true;
     if (header.type == MSG_CACHE_MISS) {
         happened["miss"]++;
+        if (run.honest && run.miss_taken && run.acked_any) {
+            MUST((int32_t)(run.acked + 1 - run.miss_limit) <= 0);
+            happened["miss on its way at the first"]++;
+        }
         run.lock_takers.push_back(load_le32(text + MESSAGE_HEADER_BYTES));
     } else if (header.type == MSG_FRAME_ACK) {
+        run.acked_any = true;
+        run.acked = get_frame_stamp(text + MESSAGE_HEADER_BYTES).frame_seq;
         if (run.acks_to_lose > 0) {
             run.acks_to_lose--;
             sender->send_counter--;
@@ -427,6 +448,7 @@ static bool note_stops(stepped_place place)
 // Some that the viewer holds, in random order, and some that it does not.
 static void advertise() NO_THREAD_SAFETY_ANALYSIS
 {
+    run.honest = false;
     std::vector<uint8_t> hashes;
     auto add = [&](uint64_t hash) {
         hashes.resize(hashes.size() + 8);
@@ -681,6 +703,27 @@ static void check_cache(bool all) NO_THREAD_SAFETY_ANALYSIS
     }
 }
 
+// The host's replica has the keys that the viewer's cache has.
+static void check_replica() NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!run.honest)
+        return;
+    std::set<uint64_t> held;
+    for (uint32_t i = 0; i < tile_cache.cache_capacity; i++)
+        if (tile_cache.cache_keys[i] != 0)
+            held.insert(tile_cache.cache_keys[i]);
+    for (uint64_t hash : held)
+        MUST(host::cache_replica_holds(hash));
+    size_t dropped = 0;
+    for (uint64_t hash : run.hashes) {
+        MUST(host::cache_replica_holds(hash) == (held.count(hash) != 0));
+        dropped += hash != 0 && held.count(hash) == 0;
+    }
+    happened["replica compared at rest"]++;
+    if (dropped > 0)
+        happened["replica of what was dropped"]++;
+}
+
 // The viewer shows the desktop as far as its picture goes, and black beyond the edge.
 static void check_picture() NO_THREAD_SAFETY_ANALYSIS
 {
@@ -897,6 +940,15 @@ static void advertise_late()
     happened["advertisement, late"]++;
 }
 
+// A tile that shares its set of the cache with others.
+static void draw_mate()
+{
+    int32_t x = below(desktop.width) & ~(TILE_SIZE - 1);
+    int32_t y = below(desktop.height) & ~(TILE_SIZE - 1);
+    if (x + TILE_SIZE <= desktop.width && y + TILE_SIZE <= desktop.height)
+        desktop_draw({x, y, x + TILE_SIZE, y + TILE_SIZE}, MATE + below(PATTERNS - MATE));
+}
+
 static void random_step()
 {
     steps++;
@@ -908,6 +960,8 @@ static void random_step()
         if (run.busy) {
             desktop_draw_all(one_in(2) ? GRAIN : below(PATTERN_END));
             set_budget(host::TILE_BUDGET_MIN + below(8));
+        } else if (run.honest && !one_in(3)) {
+            draw_mate();
         } else {
             desktop_change();
         }
@@ -989,6 +1043,7 @@ static void come_to_rest()
     }
     check_certain_tiles(true);
     check_cache(false);
+    check_replica();
     check_picture();
     check_console();
     check_input();
@@ -1097,6 +1152,12 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     host::paces_bytes = !one_in(4);
     run.pace_ms = one_in(2) ? 1 : one_in(2) ? 4 : 40;
     run.advertises = run.cached && one_in(2);
+    run.honest =
+        run.cached && run.wants_cache &&
+        (run.filed || (!run.advertises && tile_cache.cache_capacity == viewer::CACHE_CAPACITY &&
+                       run.keys == std::vector<uint64_t>(viewer::CACHE_CAPACITY)));
+    run.hashes.clear();
+    run.miss_taken = run.acked_any = false;
     run.watching = run.refused = false;
     run.acks_to_lose = run.acks_under_way = 0;
     run.keys_sent = 0;
@@ -1246,6 +1307,8 @@ static const struct {
     {"picture compared at rest", 400},
     {"pointer", 1000},
     {"record full", 2},
+    {"replica compared at rest", 80},
+    {"replica of what was dropped", 10},
     {"save at the end", 70},
     {"save failed", 30},
     {"save told to stop", 6},
@@ -1256,6 +1319,7 @@ static const struct {
     {"stall", 500},
     {"tile by reference", 2500},
     {"tile compressed", 10000},
+    {"tile not worth a slot", 9},
     {"tile outside, cleared", 130},
     {"tile raw", 1500},
     {"tile raw, in doubt", 200},
