@@ -805,6 +805,20 @@ TEST_CASE("a viewer is not taught in vain")
     keeps_replica = true;
 }
 
+TEST_CASE("what a move brings back is not taught again")
+{
+    start_with_noise(625000, 100 * MS);
+    std::vector<uint8_t> pixels = desktop.pixels;
+    scroll();
+    run_for(2 * SECOND);
+    frames_got.clear();
+    desktop.pixels = pixels;
+    desktop.dirty.assign(1, whole());
+    run_for(2 * SECOND);
+    CHECK(picture_right());
+    CHECK(moved_tiles_sent() == 15); // the first row, where no move leads
+}
+
 TEST_CASE("what goes on moving is not taught")
 {
     start_with_noise(625000, 100 * MS);
