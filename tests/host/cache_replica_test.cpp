@@ -125,7 +125,7 @@ TEST_CASE("what is sent before the advertisement lies on top of it") NO_THREAD_S
     CHECK_FALSE(holds(A));
     CHECK(holds(B));
     CHECK(holds(C));
-    send({A, D}); // for B, and for C
+    send({A, D});                // for B, and for C
     cache_replica_advert_over(); // nothing is applied twice
     CHECK(holds(A));
     CHECK(holds(D));
