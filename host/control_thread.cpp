@@ -18,7 +18,9 @@
 #include "host/frame_pipeline.h"
 #include "host/input.h"
 #include "host/input_map.h"
+#include "host/intra_tile.h"
 #include "host/screen.h"
+#include "host/tile_ops.h"
 #include "identity/server_log.h"
 #include "protocol/clock.h"
 #include "protocol/messages.h"
@@ -149,19 +151,19 @@ static void take_cache_advert(host_session *session, const uint8_t *payload, uin
 // Zeroes what the viewer is thought to show there and has the tile examined again. A tile
 // that is all zero equals that and is not sent again; kept on purpose. Its effect: a viewer
 // that missed a black tile goes on showing what was there before, until the tile changes.
-static void resend_tile(const host_session *session, uint16_t tx, uint16_t ty)
+// Not where that may be the rubbish of an intra tile.
+static void resend_tile(const host_session *session, uint16_t tx, uint16_t ty, bool rubbish)
     REQUIRES(host_lock)
 {
     // A screen without buffers has no tiles.
     if (tx >= screen.tiles_x || ty >= screen.tiles_y)
         return;
-    uint8_t *row = screen.prev_frame + tile_offset(screen.padded_width, tx, ty);
-    for (int32_t y = 0; y < TILE_SIZE; y++) {
-        memset(row, 0, TILE_ROW_BYTES);
-        row += (int64_t)screen.padded_width * PIXEL_BYTES;
-    }
+    tile_clear(screen.prev_frame + tile_offset(screen.padded_width, tx, ty),
+               (uint64_t)screen.padded_width * PIXEL_BYTES);
     int64_t tile = (int64_t)ty * screen.tiles_x + tx;
     tile_base_missed(&screen.bases[tile], session->confirmed_seq.load());
+    if (rubbish)
+        screen.bases[tile].must_send = 1;
     screen.dirty_map[tile].store(1);
 }
 
@@ -172,7 +174,7 @@ static void take_cache_miss(host_session *session, const uint8_t *payload)
     if (!session_over(session)) {
         cache_mirror_remove(ref.hash);
         cache_replica_missed(ref.hash, session->confirmed_seq.load());
-        resend_tile(session, ref.tile_x, ref.tile_y);
+        resend_tile(session, ref.tile_x, ref.tile_y, intra_missed(ref.hash));
         capture_pace_news();
     }
     lock_leave(&host_lock);

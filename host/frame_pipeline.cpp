@@ -34,6 +34,7 @@
 #include "host/host_channel.h"
 #include "host/host_lock.h"
 #include "host/host_server.h"
+#include "host/intra_tile.h"
 #include "host/line_pacing.h"
 #include "host/lz4_block.h"
 #include "host/move_search.h"
@@ -61,6 +62,7 @@ uint16_t peer_caps;
 bool paces_bytes = true;
 bool finds_moves = true;
 bool keeps_replica = true;
+bool sends_intra = true;
 
 // Host server thread only.
 static struct {
@@ -77,15 +79,17 @@ static struct {
     bool line_started;        // of this session
     bool line_was_in;         // its frames were limited in bytes at some time
     line_pacing line;
-    int32_t small_place; // of the hello's grid, at which the next small tiles begin
+    int32_t small_place;   // of the hello's grid, at which the next small tiles begin
+    uint64_t moved_pixels; // by this frame's moves
+    uint64_t moved_us;     // when the screen was last in motion (line_in_motion); 0: never
 } pipeline;
 
 // A tile that is to go out on a line whose frames are limited.
 struct line_tile {
     uint16_t tx, ty;
     bool reference, small, near; // near the pointer, after an input
-    bool sent;
-    uint64_t hash; // of a tile on the screen
+    bool done;                   // sent, or left for a later walk
+    uint64_t hash;               // of a tile on the screen
 };
 
 // More than any screen has that is served at a speed worth this. Of a larger one the rest
@@ -102,6 +106,7 @@ static move_search moves;
 static move_tile move_tiles[MOVE_TILES_MAX];
 
 constexpr uint64_t TILE_MESSAGE_HEAD = MESSAGE_HEADER_BYTES + TILE_HEAD_BYTES;
+constexpr uint64_t TILE_REF_MESSAGE = MESSAGE_HEADER_BYTES + TILE_REF_BYTES;
 constexpr uint64_t CURSOR_MESSAGE = MESSAGE_HEADER_BYTES + CURSOR_BYTES;
 constexpr uint64_t FRAME_END_MESSAGE = MESSAGE_HEADER_BYTES + FRAME_END_BYTES;
 
@@ -149,6 +154,7 @@ static bool move_source_certain(const copy_rect &move, uint32_t confirmed_seq)
 static void record_move(const copy_rect &move, uint8_t *message, uint32_t *length)
     REQUIRES(host_lock)
 {
+    pipeline.moved_pixels += (uint64_t)move.w * (uint64_t)move.h;
     tile_span span = tiles_of(move.dst_x, move.dst_y, move.w, move.h);
     for (int32_t ty = span.top; ty <= span.bottom; ty++)
         for (int32_t tx = span.left; tx <= span.right; tx++)
@@ -265,13 +271,23 @@ static void find_moves(uint32_t confirmed_seq) REQUIRES(host_lock)
 // ---------------------------------------------------------------------------------------
 // Tiles
 
-// Whether the frame can take the tiles that wait and one more, however badly they compress,
-// and what follows the tiles, and still fit a record.
+// The most that a tile takes, as pixels; and one of the pair of messages of an intra tile,
+// which compresses.
+constexpr uint64_t TILE_MOST = TILE_MESSAGE_HEAD + TILE_BYTES;
+constexpr uint64_t INTRA_MOST = TILE_REF_MESSAGE + TILE_MESSAGE_HEAD + TILE_BYTES - 1;
+static_assert(INTRA_MOST == 16424);
+
+// Whether the frame can take so many bytes of tiles, and what follows the tiles, and still fit
+// a record.
+static bool frame_takes(uint64_t bytes)
+{
+    return out_used() + bytes + CURSOR_MESSAGE + FRAME_END_MESSAGE <= RECORD_MAX;
+}
+
+// Whether it can take the tiles that wait and one more, however badly they compress.
 static bool frame_has_room(int32_t waiting)
 {
-    constexpr uint64_t EACH = TILE_MESSAGE_HEAD + TILE_BYTES;
-    constexpr uint64_t NEEDED = EACH + CURSOR_MESSAGE + FRAME_END_MESSAGE;
-    return out_used() + (uint64_t)waiting * EACH + NEEDED <= RECORD_MAX;
+    return frame_takes(((uint64_t)waiting + 1) * TILE_MOST);
 }
 
 // Appends a tile as MSG_TILE: as its difference from base when there is one and it
@@ -298,6 +314,30 @@ static void append_tile(tile_head head, const uint8_t *pixels, const uint8_t *ba
     put_tile_head(message + MESSAGE_HEADER_BYTES, head);
     out_commit(TILE_MESSAGE_HEAD + (uint64_t)length);
 }
+
+// Appends an intra tile (intra_tile.h). False, and nothing was appended, when it does not
+// compress.
+static bool append_intra(uint16_t tx, uint16_t ty, const uint8_t *pixels, uint64_t pitch)
+{
+    constexpr int32_t ROOM = lz4_bound(TILE_BYTES);
+    uint8_t *message = out_reserve(TILE_REF_MESSAGE + TILE_MESSAGE_HEAD + ROOM);
+    if (!message)
+        return false; // the flush fails, and the session with it
+    uint8_t *tile = message + TILE_REF_MESSAGE;
+    tile_gather(tile_delta, pixels, pitch);
+    int32_t length = lz4_compress_block(tile_delta, TILE_BYTES, tile + TILE_MESSAGE_HEAD, ROOM);
+    if (length <= 0 || length >= TILE_BYTES)
+        return false;
+    put_header(message, MSG_TILE_REF, TILE_REF_BYTES);
+    put_tile_ref(message + MESSAGE_HEADER_BYTES, {tx, ty, intra_zero_hash()});
+    put_header(tile, MSG_TILE, TILE_HEAD_BYTES + (uint32_t)length);
+    put_tile_head(tile + MESSAGE_HEADER_BYTES,
+                  {.tile_x = tx, .tile_y = ty, .raw = 0, .hash = 0});
+    out_commit(TILE_REF_MESSAGE + TILE_MESSAGE_HEAD + (uint64_t)length);
+    return true;
+}
+
+static const uint8_t zeros[TILE_BYTES] = {};
 
 // Tiles that are hashed together.
 constexpr int32_t BATCH_TILES = 4;
@@ -356,9 +396,56 @@ static bool not_worth_a_slot(const tile_worth &worth, uint64_t hash) REQUIRES(ho
            cache_replica_crowded(hash, pipeline.walk_ms);
 }
 
-// Sends a changed tile.
-static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_seq,
-                      frame_tiles *sent) REQUIRES(host_lock)
+// Has the viewer store the tile of zeros, by drawing it where `before` is known to stand.
+static void teach_zeros(uint16_t tx, uint16_t ty, uint8_t *before, uint64_t pitch)
+    REQUIRES(host_lock)
+{
+    alignas(64) static uint8_t shown[TILE_BYTES]; // server thread only
+    uint64_t hash = intra_zero_hash();
+    tile_gather(shown, before, pitch);
+    append_tile({.tile_x = tx, .tile_y = ty, .raw = 0, .hash = hash}, zeros, shown,
+                TILE_ROW_BYTES);
+    tile_clear(before, pitch);
+    cache_mirror_insert(hash);
+    cache_replica_tile(hash, pipeline.walk_ms);
+    intra_taught(frame_seq + 1);
+}
+
+// Whether the viewer must hold the tile of zeros, on which intra tiles are built.
+static bool zeros_held() REQUIRES(host_lock)
+{
+    return cache_mirror_find(intra_zero_hash()) && cache_replica_holds(intra_zero_hash());
+}
+
+// Whether a changed tile is to go as an intra tile. The first that has a use for it, and a
+// base that is known, makes the viewer ready for others instead, and goes as ever.
+static bool goes_intra(int32_t tx, int32_t ty, uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    bool held = zeros_held();
+    bool proven = cache_replica_proven(confirmed_seq);
+    const tile_base &base = *base_at(tx, ty);
+    bool teaches = intra_teaches(base, proven, held, confirmed_seq);
+    if (!teaches && !intra_ready(proven, held, confirmed_seq))
+        return false;
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    uint64_t offset = tile_offset(screen.padded_width, tx, ty);
+    uint8_t *before = screen.prev_frame + offset;
+    // A tile in doubt has no base that would have to be better. Over the zeros of a session's
+    // start both ways are the same, and teaching costs nothing.
+    bool in_doubt = tile_base_uncertain(base, confirmed_seq);
+    if (!in_doubt && !(teaches && base.base_blank) &&
+        !intra_pays(intra_count(screen.frame_buffer + offset, before, pitch)))
+        return false;
+    if (!teaches)
+        return true;
+    if (frame_takes(2 * TILE_MOST))
+        teach_zeros((uint16_t)tx, (uint16_t)ty, before, pitch);
+    return false;
+}
+
+// Sends a changed tile; may_be_intra: perhaps as an intra tile.
+static void send_tile(int32_t tx, int32_t ty, uint64_t hash, bool may_be_intra,
+                      uint32_t confirmed_seq, frame_tiles *sent) REQUIRES(host_lock)
 {
     tile_base *base = base_at(tx, ty);
     uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
@@ -375,12 +462,22 @@ static void send_tile(int32_t tx, int32_t ty, uint64_t hash, uint32_t confirmed_
         tile_base_referenced(base, frame_seq + 1);
         cache_replica_reference(head.hash, frame_seq + 1, pipeline.walk_ms);
         sent->refs++;
+        tile_copy(before, now, pitch);
+        return;
+    }
+    bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
+    bool intra = cached && may_be_intra && goes_intra(tx, ty, confirmed_seq);
+    if (intra && append_intra(head.tile_x, head.tile_y, now, pitch)) {
+        tile_base_intra(base, frame_seq + 1);
+        cache_replica_reference(intra_zero_hash(), frame_seq + 1, pipeline.walk_ms);
+        intra_sent();
+        note_unnamed(tx, ty);
     } else {
-        bool cached = (peer_caps & CAP_TILE_CACHE) != 0;
         if (cached && not_worth_a_slot(*worth_at(tx, ty), hash))
             head.hash = 0;
-        bool uncertain = tile_base_uncertain(*base, confirmed_seq);
-        append_tile(head, now, uncertain ? nullptr : before, pitch);
+        // What does not compress by itself is not tried again as a difference.
+        bool raw = intra || tile_base_uncertain(*base, confirmed_seq);
+        append_tile(head, now, raw ? nullptr : before, pitch);
         tile_base_sent(base);
         if (cached) { // the viewer stores every tile that has a hash
             cache_mirror_insert(head.hash);
@@ -400,7 +497,7 @@ static void send_waiting(uint32_t confirmed_seq, frame_tiles *sent) REQUIRES(hos
                     tile_offset(screen.padded_width, sent->wait[i].tx, sent->wait[i].ty);
     tile_hash_batch(pixels, sent->waiting, (uint64_t)screen.padded_width * PIXEL_BYTES, hashes);
     for (int32_t i = 0; i < sent->waiting; i++)
-        send_tile(sent->wait[i].tx, sent->wait[i].ty, hashes[i], confirmed_seq, sent);
+        send_tile(sent->wait[i].tx, sent->wait[i].ty, hashes[i], false, confirmed_seq, sent);
     sent->waiting = 0;
 }
 
@@ -426,7 +523,6 @@ static void examine_tile(int32_t tx, int32_t ty, uint32_t confirmed_seq, frame_t
 // is not worth a place in the cache.
 static void send_outside_tile(int32_t tx, int32_t ty, int32_t columns, frame_tiles *sent)
 {
-    static const uint8_t zeros[TILE_BYTES] = {};
     screen.outside_map[(int64_t)ty * columns + tx] = 0;
     tile_head head = {.tile_x = (uint16_t)tx, .tile_y = (uint16_t)ty, .raw = 1, .hash = 0};
     append_tile(head, zeros, nullptr, TILE_ROW_BYTES);
@@ -502,6 +598,14 @@ constexpr uint64_t INPUT_NEAR_US = 300000; // so long after an input the pointer
 constexpr int32_t NEAR_TILES = 2;
 constexpr int32_t SMALL_CELLS = 4;
 constexpr uint64_t LINE_PAUSE_MAX_US = 250000;
+// So long after the screen was in motion no tile goes intra: while one is in doubt no move can
+// start from it, and what moves goes on to move as a rule.
+constexpr uint64_t MOTION_US = 500000;
+// It is in motion when moves take a part of what they leave to be sent. Pictures that replace
+// each other have bits in common too, here and there.
+constexpr uint64_t MOTION_PART = 4;
+// So long without an acknowledgement nothing waits for one any more.
+constexpr uint64_t PENDING_WAIT_US = 500000;
 
 static bool line_in()
 {
@@ -571,7 +675,7 @@ static int32_t list_line_tiles(int32_t columns, int32_t rows, uint32_t confirmed
                                .small = false,
                                .near = input && abs(tx - pointer.x / TILE_SIZE) <= NEAR_TILES &&
                                        abs(ty - pointer.y / TILE_SIZE) <= NEAR_TILES,
-                               .sent = false,
+                               .done = false,
                                .hash = 0};
     }
     for (int32_t i = 0; i < count; i += BATCH_TILES)
@@ -585,24 +689,25 @@ static int32_t list_line_tiles(int32_t columns, int32_t rows, uint32_t confirmed
 struct line_frame_room {
     size_t start;
     uint64_t bytes;
+    bool intra; // tiles may go as intra tiles
 };
 
 static bool line_frame_full(const line_frame_room &room)
 {
-    return !frame_has_room(0) || out_used() - room.start >= room.bytes;
+    return !frame_takes(INTRA_MOST) || out_used() - room.start >= room.bytes;
 }
 
-static void send_line_tile(line_tile *tile, int32_t columns, uint32_t confirmed_seq,
-                           frame_tiles *sent) REQUIRES(host_lock)
+static void send_line_tile(line_tile *tile, int32_t columns, const line_frame_room &room,
+                           uint32_t confirmed_seq, frame_tiles *sent) REQUIRES(host_lock)
 {
     if (tile_on_screen(tile->tx, tile->ty)) {
         *dirty_at(tile->tx, tile->ty) = 0;
-        send_tile(tile->tx, tile->ty, tile->hash, confirmed_seq, sent);
+        send_tile(tile->tx, tile->ty, tile->hash, room.intra, confirmed_seq, sent);
         sent->handled++;
     } else {
         send_outside_tile(tile->tx, tile->ty, columns, sent);
     }
-    tile->sent = true;
+    tile->done = true;
 }
 
 // Sends small tiles from where the last frame left the first one over, those near the pointer
@@ -611,10 +716,10 @@ static void send_small_tiles(int32_t count, int32_t columns, int32_t rows,
                              const line_frame_room &room, uint32_t confirmed_seq,
                              frame_tiles *sent) REQUIRES(host_lock)
 {
-    line_frame_room half = {room.start, room.bytes / 2};
+    line_frame_room half = {room.start, room.bytes / 2, false};
     for (int32_t i = 0; i < count && !line_frame_full(half); i++)
-        if (line_tiles[i].small && line_tiles[i].near && !line_tiles[i].sent)
-            send_line_tile(&line_tiles[i], columns, confirmed_seq, sent);
+        if (line_tiles[i].small && line_tiles[i].near && !line_tiles[i].done)
+            send_line_tile(&line_tiles[i], columns, room, confirmed_seq, sent);
 
     // The list begins at the walk's place and goes once round the grid.
     int32_t tiles = columns * rows;
@@ -628,13 +733,48 @@ static void send_small_tiles(int32_t count, int32_t columns, int32_t rows,
         first++;
     for (int32_t n = 0; n < count; n++) {
         line_tile *tile = &line_tiles[(first + n) % count];
-        if (!tile->small || tile->sent)
+        if (!tile->small || tile->done)
             continue;
         if (line_frame_full(half)) {
             pipeline.small_place = tile->ty * columns + tile->tx;
             return;
         }
-        send_line_tile(tile, columns, confirmed_seq, sent);
+        send_line_tile(tile, columns, room, confirmed_seq, sent);
+    }
+}
+
+// Whether what moves now, or did a moment ago, makes up for much of so many tiles that are
+// left.
+static bool line_in_motion(int32_t tiles)
+{
+    uint64_t now = clock_us();
+    constexpr uint64_t TILE_PIXELS = TILE_SIZE * TILE_SIZE;
+    if (pipeline.moved_pixels > 0 &&
+        pipeline.moved_pixels * MOTION_PART >= (uint64_t)tiles * TILE_PIXELS)
+        pipeline.moved_us = now;
+    return pipeline.moved_us != 0 && now - pipeline.moved_us <= MOTION_US;
+}
+
+// Lets tiles in doubt wait of which little has changed. Each time that such a tile goes whole
+// it is in doubt for another round trip; with one change after the other it would go whole for
+// ever. When its frame is acknowledged a short difference does. Not when acknowledgements fail
+// to come.
+static void let_pending_wait(int32_t count, uint32_t confirmed_seq) REQUIRES(host_lock)
+{
+    if (!intra_ready(cache_replica_proven(confirmed_seq), zeros_held(), confirmed_seq) ||
+        clock_us() - pipeline.line.last_ack_us > PENDING_WAIT_US)
+        return;
+    uint64_t pitch = (uint64_t)screen.padded_width * PIXEL_BYTES;
+    for (int32_t i = 0; i < count; i++) {
+        line_tile *tile = &line_tiles[i];
+        if (tile->reference || !tile_on_screen(tile->tx, tile->ty))
+            continue;
+        const tile_base &base = *base_at(tile->tx, tile->ty);
+        if (base.base_state != BASE_PENDING || !tile_base_uncertain(base, confirmed_seq))
+            continue;
+        uint64_t offset = tile_offset(screen.padded_width, tile->tx, tile->ty);
+        tile->done = !intra_pays(
+            intra_count(screen.frame_buffer + offset, screen.prev_frame + offset, pitch));
     }
 }
 
@@ -646,10 +786,13 @@ static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRE
     int32_t columns = tiles_for(screen.hello_width);
     int32_t rows = tiles_for(screen.hello_height);
     int32_t count = list_line_tiles(columns, rows, confirmed_seq);
-    line_frame_room room = {frame_start, line_frame_bytes(&pipeline.line)};
+    line_frame_room room = {frame_start, line_frame_bytes(&pipeline.line),
+                            sends_intra && !line_in_motion(count)};
+    if (room.intra)
+        let_pending_wait(count, confirmed_seq);
     for (int32_t i = 0; i < count && !line_frame_full(room); i++)
         if (line_tiles[i].reference)
-            send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
+            send_line_tile(&line_tiles[i], columns, room, confirmed_seq, &sent);
     if (count > 0)
         send_small_tiles(count, columns, rows, room, confirmed_seq, &sent);
     int64_t tiles = (int64_t)columns * rows;
@@ -660,9 +803,9 @@ static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRE
     // The first of these goes however full the frame is, or those above could starve it.
     bool any = false;
     for (int32_t i = 0; i < count; i++) {
-        if (line_tiles[i].sent)
+        if (line_tiles[i].done)
             continue;
-        if (any ? line_frame_full(room) : !frame_has_room(0)) {
+        if (any ? line_frame_full(room) : !frame_takes(INTRA_MOST)) {
             pipeline.walk_tx = line_tiles[i].tx;
             pipeline.walk_ty = line_tiles[i].ty;
             passed = (int64_t)pipeline.walk_ty * columns + pipeline.walk_tx - first;
@@ -670,7 +813,7 @@ static frame_tiles walk_line(size_t frame_start, uint32_t confirmed_seq) REQUIRE
                 passed += tiles;
             break;
         }
-        send_line_tile(&line_tiles[i], columns, confirmed_seq, &sent);
+        send_line_tile(&line_tiles[i], columns, room, confirmed_seq, &sent);
         any = true;
     }
     if (sent.handled > 0)
@@ -856,6 +999,7 @@ bool frame_pipeline_step(host_session *session)
     uint32_t confirmed_seq = session->confirmed_seq;
     if (session->advert_over.load() != 0)
         cache_replica_advert_over();
+    pipeline.moved_pixels = 0;
     if (screen.move_count > 0)
         apply_moves(confirmed_seq);
     else
@@ -895,6 +1039,7 @@ void frame_pipeline_start(uint16_t caps)
     screen_session_start();
     cache_mirror_reset();
     cache_replica_reset(frame_seq, now);
+    intra_start();
     move_search_reset(&moves);
     lock_leave(&host_lock);
     peer_caps = caps;
@@ -909,6 +1054,7 @@ void frame_pipeline_start(uint16_t caps)
     pipeline.turn_tiles = 0;
     pipeline.unnamed = false;
     pipeline.small_place = 0;
+    pipeline.moved_us = 0;
     capture_pace_start();
     out_reset();
     text_layer_reset();

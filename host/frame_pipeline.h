@@ -29,6 +29,11 @@ extern bool finds_moves;
 // where a test or a benchmark wants to know the difference; changed between sessions only.
 extern bool keeps_replica;
 
+// Whether tiles go without their base where that is shorter (intra_tile.h), while frames are
+// limited in bytes. True, except where a test or a benchmark wants to know the difference.
+// Server thread.
+extern bool sends_intra;
+
 // Prepares a session: screen, mirror, counters, walk start. Takes host_lock.
 void frame_pipeline_start(uint16_t caps);
 

@@ -3,6 +3,7 @@
 //   start ----> KNOWN, blank             both sides hold zeros
 //   pixels, difference ----> KNOWN       now the viewer shows what was sent
 //   reference ----> PENDING              it does if it holds the hash
+//   intra tile ----> PENDING, not blank  it does if it holds the tile of zeros
 //   acknowledged without a miss ----> certain again, as far as differences go
 //   miss ----> LOST, or KNOWN when the viewer cannot have drawn anything there yet
 //
@@ -18,16 +19,10 @@
 namespace host
 {
 
-// Whether frame a was numbered after frame b; numbers wrap.
-static bool later(uint32_t a, uint32_t b)
-{
-    return (int32_t)(a - b) > 0;
-}
-
 bool tile_base_uncertain(const tile_base &base, uint32_t confirmed_seq)
 {
     return base.base_state == BASE_LOST ||
-           (base.base_state == BASE_PENDING && later(base.ref_seq, confirmed_seq));
+           (base.base_state == BASE_PENDING && frame_later(base.ref_seq, confirmed_seq));
 }
 
 void tile_base_start(tile_base *base)
@@ -54,12 +49,18 @@ void tile_base_referenced(tile_base *base, uint32_t ref_seq)
     base->must_send = 0;
 }
 
+void tile_base_intra(tile_base *base, uint32_t ref_seq)
+{
+    tile_base_referenced(base, ref_seq);
+    base->base_blank = 0; // if the reference misses, the difference is drawn all the same
+}
+
 void tile_base_missed(tile_base *base, uint32_t confirmed_seq)
 {
     bool shows_zeros =
         base->base_blank != 0 &&
         (base->base_state == BASE_KNOWN ||
-         (base->base_state == BASE_PENDING && later(base->ref_seq, confirmed_seq)));
+         (base->base_state == BASE_PENDING && frame_later(base->ref_seq, confirmed_seq)));
     base->base_state = shows_zeros ? BASE_KNOWN : BASE_LOST;
 }
 

@@ -84,6 +84,12 @@ void tile_copy(uint8_t *dst, const uint8_t *src, uint64_t pitch)
         memcpy(dst + (uint64_t)row * pitch, src + (uint64_t)row * pitch, TILE_ROW_BYTES);
 }
 
+void tile_clear(uint8_t *tile, uint64_t pitch)
+{
+    for (int32_t row = 0; row < TILE_SIZE; row++)
+        memset(tile + (uint64_t)row * pitch, 0, TILE_ROW_BYTES);
+}
+
 static inline __m128i load_16(const uint8_t *p)
 {
     __m128i v;

@@ -24,6 +24,9 @@ void tile_gather(uint8_t tile[TILE_BYTES], const uint8_t *src, uint64_t pitch);
 // Copies a pitched tile into another picture. The two do not overlap.
 void tile_copy(uint8_t *dst, const uint8_t *src, uint64_t pitch);
 
+// Zeroes a pitched tile.
+void tile_clear(uint8_t *tile, uint64_t pitch);
+
 // delta = a XOR b, byte by byte; a and b are pitched. The three do not overlap.
 void tile_difference(uint8_t delta[TILE_BYTES], const uint8_t *a, const uint8_t *b,
                      uint64_t pitch);

@@ -316,8 +316,8 @@ TEST_CASE("the rest has its turn, however many references there are")
 {
     // 40 x 40 tiles on a line whose frames take 8 KiB, the least there is. All but one have
     // another colour at their top whenever they are looked at, and the viewer knows each of
-    // these five tiles: references of 20 bytes, 410 in a frame, so that the walk is round after
-    // four frames.
+    // these five tiles: references of 20 bytes, 410 in a frame, or up to half as many more once
+    // the host takes the line for a longer one. So the walk is round after three or four.
     start(2560, 2560, 100000, 100 * MS);
     uint32_t looks = 0;
     capture_script_step = [&] {
@@ -334,7 +334,7 @@ TEST_CASE("the rest has its turn, however many references there are")
     size_t turns = 0;
     for (const std::vector<got_tile> &frame : frames_got) {
         CHECK(frame.size() >= 400);
-        CHECK(frame.size() < 500);
+        CHECK(frame.size() < 800);
         for (const got_tile &tile : frame)
             turns += tile.tx == 39 && tile.ty == 39;
     }
@@ -468,7 +468,7 @@ static size_t tiles_cached()
     size_t n = 0;
     for (int ty = 0; ty < 10; ty++)
         for (int tx = 0; tx < 15; tx++)
-            n += viewer.cache.count(tile_hash(viewer.tile(tx, ty).data()));
+            n += model.cache.count(tile_hash(model.tile(tx, ty).data()));
     return n;
 }
 
@@ -581,8 +581,8 @@ TEST_CASE("a viewer that keeps its cache by other rules is not taught")
 {
     start_with_noise(625000, 100 * MS);
     for (int32_t tx = 0; tx < 4; tx++) {
-        std::vector<uint8_t> known = viewer.tile(14, 0);
-        viewer.cache.clear();
+        std::vector<uint8_t> known = model.tile(14, 0);
+        model.cache.clear();
         for (int32_t y = 0; y < 64; y++)
             memcpy(desktop_at(tx * 64, y), &known[(size_t)y * 256], 256);
         desktop.dirty.push_back(tile_rect(tx, 0));

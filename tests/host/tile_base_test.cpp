@@ -84,6 +84,25 @@ TEST_CASE("a reference is pending, and only the first one of a blank tile leaves
     }
 }
 
+TEST_CASE("an intra tile is pending and not blank, whatever was there")
+{
+    for (base_state state : {BASE_KNOWN, BASE_PENDING, BASE_LOST})
+        for (uint8_t blank : {0, 1}) {
+            CAPTURE(state);
+            CAPTURE(blank);
+            tile_base base = make_base(state, blank, 3, 1);
+            tile_base_intra(&base, 41);
+            CHECK(base.base_state == BASE_PENDING);
+            CHECK(base.ref_seq == 41);
+            CHECK(base.base_blank == 0);
+            CHECK(base.must_send == 0);
+            CHECK(tile_base_uncertain(base, 40));
+            CHECK_FALSE(tile_base_uncertain(base, 41));
+            tile_base_missed(&base, 40);
+            CHECK(base.base_state == BASE_LOST);
+        }
+}
+
 TEST_CASE("a miss leaves a tile known only where the viewer still shows its first zeros")
 {
     static const struct {

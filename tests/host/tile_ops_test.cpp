@@ -121,3 +121,18 @@ TEST_CASE("a difference is the XOR of every byte with its base")
             CHECK(right == 16384);
         }
 }
+
+TEST_CASE("a tile that is cleared is zero, and nothing beside it changes")
+{
+    test_random random = test_random_seeded("tile_clear");
+    for (uint64_t pitch : PITCHES)
+        for (uint64_t first : FIRSTS) {
+            picture a = random_picture(&random, pitch, first);
+            picture expected = a;
+            for (int row = 0; row < 64; row++)
+                for (int i = 0; i < 256; i++)
+                    expected.at(row, i) = 0;
+            tile_clear(a.tile(), pitch);
+            CHECK(a.bytes == expected.bytes);
+        }
+}

@@ -35,6 +35,7 @@
 #include "host/host_channel.h"
 #include "host/host_platform.h"
 #include "host/host_server.h"
+#include "host/intra_tile.h"
 #include "host/lz4_block.h"
 #include "host/out_buffer.h"
 #include "host/screen.h"
@@ -134,6 +135,7 @@ static struct {
     uint32_t disk_calls;                 // since the last reading began
     uint32_t disk_fails_at;              // one of them; 0: none
     uint32_t killed_at;                  // likewise: what is on the disk then is what stays
+    bool intra;                          // the host has sent an intra tile
     bool hashes_next;                    // the viewer sent an advertisement's header
     bool walked;                         // the session's first walk is over
     uint32_t advertised, adverts_taken;  // advertisements sent, and entered
@@ -191,6 +193,7 @@ static int32_t look_at_messages()
     fit_grid();
     int32_t tiles = 0;
     const uint8_t *bytes = host::out_bytes();
+    tile_ref zeros = {}; // where the message before put them, if it did
     for (size_t used = host::out_used(); run.parsed < used;) {
         MUST(used - run.parsed >= MESSAGE_HEADER_BYTES);
         message_header header = get_header(bytes + run.parsed);
@@ -199,11 +202,18 @@ static int32_t look_at_messages()
         run.parsed += MESSAGE_HEADER_BYTES + header.length;
 
         int64_t tile = -1;
+        tile_ref below = zeros;
+        zeros = {};
         if (header.type == MSG_TILE) {
             tile_head head = get_tile_head(payload);
             tile = grid_tile(head.tile_x, head.tile_y);
             run.hashes.insert(head.hash);
-            if (head.hash == 0)
+            if (head.hash == 0 && below.hash != 0 && head.tile_x == below.tile_x &&
+                head.tile_y == below.tile_y) {
+                happened["tile intra"]++;
+                run.intra = true;
+                tiles--; // one with the reference
+            } else if (head.hash == 0)
                 happened[tile < 0 ? "tile outside, cleared" : "tile not worth a slot"]++;
             else if (!head.raw)
                 happened["tile compressed"]++;
@@ -219,6 +229,8 @@ static int32_t look_at_messages()
             run.hashes.insert(ref.hash);
             happened["tile by reference"]++;
             tiles++;
+            if (ref.hash == host::intra_zero_hash())
+                zeros = ref;
         } else if (header.type == MSG_COPY_RECTS) {
             happened["move"] += header.length / COPY_RECT_BYTES;
             if (run.moves_captured == 0)
@@ -274,6 +286,10 @@ static void note_walk(int32_t sent) NO_THREAD_SAFETY_ANALYSIS
                 continue;
             }
             left++;
+            // One in doubt may wait for its acknowledgement instead.
+            if (run.session &&
+                host::tile_base_uncertain(screen.bases[tile], run.session->confirmed_seq))
+                continue;
             run.waited[(size_t)tile] += host::paces_bytes ? sent > 0 : sent;
             MUST(run.waited[(size_t)tile] <= grid);
         }
@@ -406,6 +422,8 @@ static bool look_at_answer(const uint8_t *record, size_t n)
             MUST((int32_t)(run.acked + 1 - run.miss_limit) <= 0);
             happened["miss on its way at the first"]++;
         }
+        if (load_le64(text + MESSAGE_HEADER_BYTES + 4) == host::intra_zero_hash())
+            happened[run.intra ? "miss of the zeros, with intra tiles" : "miss of the zeros"]++;
         run.lock_takers.push_back(load_le32(text + MESSAGE_HEADER_BYTES));
     } else if (header.type == MSG_FRAME_ACK) {
         run.acked_any = true;
@@ -949,6 +967,16 @@ static void draw_mate()
         desktop_draw({x, y, x + TILE_SIZE, y + TILE_SIZE}, MATE + below(PATTERNS - MATE));
 }
 
+// No viewer by the rules does it: drop the tile on which intra tiles are built.
+static void forget_zeros() NO_THREAD_SAFETY_ANALYSIS
+{
+    if (!window_can_act() || !run.intra || run.honest)
+        return;
+    for (uint32_t i = 0; i < tile_cache.cache_capacity; i++)
+        if (tile_cache.cache_keys[i] == host::intra_zero_hash())
+            tile_cache.cache_keys[i] = 0;
+}
+
 static void random_step()
 {
     steps++;
@@ -985,6 +1013,8 @@ static void random_step()
             random_console();
     } else if (dice == 58) {
         run.acks_to_lose = below(5);
+        if (one_in(2))
+            forget_zeros();
     } else if (dice == 59) {
         pointer++;
         if (one_in(4))
@@ -1038,7 +1068,8 @@ static void come_to_rest()
         }
         others_run_out();
         MUST(!stepped_broken());
-        bool rests = host::frame_seq == before && !news && nothing_under_way();
+        // The first walk may still wait for an advertisement, longer than this is quiet.
+        bool rests = run.walked && host::frame_seq == before && !news && nothing_under_way();
         quiet = rests ? quiet + 1 : 0;
     }
     check_certain_tiles(true);
@@ -1171,7 +1202,7 @@ static void play_session(int32_t length, net_socket *sock) NO_THREAD_SAFETY_ANAL
     run.waited.clear();
     tile_cache.cache_enabled = run.cached;
     run.saver = nullptr;
-    run.hashes_next = run.walked = false;
+    run.hashes_next = run.walked = run.intra = false;
     run.advertised = run.adverts_taken = run.first_adverts = 0;
     run.text = {};
     *sock = stepped_connect(one_in(4) ? 1000 + rnd.below(200000) : SIZE_MAX);
@@ -1300,6 +1331,7 @@ static const struct {
     {"killed while saving", 15},
     {"large screen", 1},
     {"miss", 700},
+    {"miss of the zeros, with intra tiles", 2},
     {"move", 1000},
     {"move found", 80},
     {"move left out beside others", 15},
@@ -1319,6 +1351,7 @@ static const struct {
     {"stall", 500},
     {"tile by reference", 2500},
     {"tile compressed", 10000},
+    {"tile intra", 11},
     {"tile not worth a slot", 9},
     {"tile outside, cleared", 130},
     {"tile raw", 1500},
