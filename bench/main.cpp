@@ -8,6 +8,7 @@
 // lines whose group or name contains one of them. Status 1 when a result was wrong, speeds
 // never matter to it; 2 on a usage error.
 #include "bench/groups.h"
+#include "bench/intra.h"
 #include "bench/machine.h"
 #include "bench/memory.h"
 #include "bench/moving.h"
@@ -113,6 +114,7 @@ int main(int argc, char **argv)
     memory_measure(&lines, args.words);
     road_measure(&lines, args.words);
     moving_measure(&lines, args.words);
+    intra_measure(&lines, args.words);
     photon_measure(&lines, args.words);
     tile_store_measure(&lines, args.words);
     fflush(stdout);

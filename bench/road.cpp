@@ -23,6 +23,7 @@
 #include "host/screen.h"
 #include "host/tile_ops.h"
 #include "tests/fakes/capture_script.h"
+#include "tests/fakes/clock_offset.h"
 #include "tests/fakes/server_log_record.h"
 #include "viewer/frame_decode.h"
 #include "viewer/tile_cache.h"
@@ -39,6 +40,7 @@ std::atomic<uint32_t> host::host_stop_requested;
 // Scenes
 
 picture road_screen;
+road_line road_slow_line;
 
 static struct {
     std::vector<area> changed;
@@ -147,6 +149,7 @@ struct play {
     int64_t viewer_from;        // when the viewer went on; 0: not yet
     double viewer_then[STAGES]; // the stages' times then
     uint64_t moves_before;      // stage_moves_found when the frame began
+    size_t record_bytes;        // of the last one
     frame_times times;
     std::vector<uint8_t> before; // prev_frame when the frame began
     std::vector<frame_times> *account;
@@ -215,6 +218,7 @@ static void host_step(play *p)
     double then[STAGES];
     memcpy(then, stages.ns, sizeof then);
     uint64_t allocations = stage_allocations;
+    size_t unsent = road_to_viewer.bytes.size();
     memory_of = MEMORY_HOST;
     int64_t start = bench_processor_time();
     p->right = host::frame_pipeline_step(p->session) && p->right;
@@ -224,11 +228,16 @@ static void host_step(play *p)
         p->right = p->right && stage_allocations == allocations && road_to_viewer.bytes.empty();
     memory_of = MEMORY_VIEWER;
     p->times.bytes += (double)road_to_viewer.bytes.size();
+    p->record_bytes = road_to_viewer.bytes.size() - unsent;
 }
 
-// Hands the viewer's answers to the host, as the control thread does.
+// Hands the viewer's answers to the host, as the control thread does, when the line has
+// carried what they answer.
 static void host_reads(play *p)
 {
+    if (road_slow_line.rate != 0)
+        clock_put_forward(road_slow_line.trip_ms +
+                          (uint32_t)(p->record_bytes * 1000 / road_slow_line.rate));
     uint8_t head[MESSAGE_HEADER_BYTES], payload[64];
     while (road_to_host.taken < road_to_host.bytes.size()) {
         p->right = channel_recv(&p->session->receiver, head, sizeof head) && p->right;
@@ -359,6 +368,8 @@ static void open_channels(play *p)
     p->session = host::session_create(ROAD_HOST_SOCKET, host::frame_seq);
     if (p->session)
         channel_take_receiver(&host::host_channel, &p->session->receiver);
+    if (p->session && road_slow_line.rate != 0)
+        p->session->key_trip_us = p->session->hello_trip_us = road_slow_line.trip_ms * 1000ull;
 }
 
 bool road_play(const scene &now, road_manner manner, std::vector<frame_times> *account)

@@ -29,6 +29,14 @@ struct frame_times {
 // The screen of the scenes that are played.
 extern picture road_screen;
 
+// The line between the two: bytes a second, 0 as fast as memory; and its round trip, which the
+// handshake took, too. The clock is put forward by what it takes, so nobody waits.
+struct road_line {
+    uint64_t rate;
+    uint32_t trip_ms;
+};
+extern road_line road_slow_line;
+
 enum road_manner {
     ROAD_WHOLE,
     // Nothing is sealed and the other sides are left out, times and tiles zero: for comparing
