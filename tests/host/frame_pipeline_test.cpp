@@ -352,14 +352,17 @@ TEST_CASE("a difference that compresses to 16383 bytes is sent, one of 16384 is 
         start(64, 64, 0);
         test_random random = test_random_seeded("barely");
         fill_noise(whole(), &random);
-        // Noise in which one piece is repeated; the longer it is, the shorter the block. The
-        // viewer still shows zeros, so the difference is the picture itself.
+        // Noise in which one piece is repeated; the longer it is, the shorter the block, byte
+        // for byte, since what follows the piece is made to differ. The viewer still shows
+        // zeros, so the difference is the picture itself.
         const std::vector<uint8_t> noise = desktop.pixels;
         size_t repeated = 4;
         do {
             REQUIRE(repeated < 1000);
             desktop.pixels = noise;
-            memcpy(&desktop.pixels[8000], &noise[4000], repeated++);
+            memcpy(&desktop.pixels[8000], &noise[4000], repeated);
+            desktop.pixels[8000 + repeated] = (uint8_t)~noise[4000 + repeated];
+            repeated++;
         } while (lz4_compress_plain(desktop.pixels).size() != size);
         std::vector<model_message> frame = step();
         REQUIRE(frame.size() == 2);
